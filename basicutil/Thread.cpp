@@ -1,0 +1,787 @@
+#include "basicutil/Thread.h"
+
+#include <sys/uio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "basicutil/Logger.h"
+#include "libzero/fatal-assert.h"
+
+namespace morvek {
+
+namespace {
+
+Logger thread_logger("Thread");
+
+// Guards the thread list and each thread's _did_join, _ready_to_run and in-list fields.
+PthreadMutex _global_thread_lock;
+Thread *GLOBAL_THREAD_LIST_ROOT = nullptr;
+
+constinit thread_local Thread *activeThreads = nullptr;
+
+pthread_t _main_thread_token;
+uint64_t _main_thread_id;
+pthread_attr_t _default_thread_attr;
+
+std::vector<Thread::PerThreadInitializer> &perThreadInitializers() {
+  static std::vector<Thread::PerThreadInitializer> initializers;
+  return initializers;
+}
+
+const Str &mainThreadName() {
+  static const Str name("MainThread");
+  return name;
+}
+
+const Str &unknownThreadName() {
+  static const Str name("Unknown Thread");
+  return name;
+}
+
+// What the fatal path leaves for the crash log. The call name "none" means nothing failed.
+struct FatalThreadError {
+  const char *call_name = "none";
+  int errnum = 0;
+  uint32_t threads_active = 0;
+  char thread_name[64] = {0};
+};
+FatalThreadError fatal_thread_error;
+
+bool single_thread_flag = false;
+
+void copyTruncated(char *dst, size_t cap, const char *src) {
+  size_t n = strlen(src);
+  if (n >= cap) n = cap - 1;
+  memcpy(dst, src, n);
+  dst[n] = '\0';
+}
+
+}  // namespace
+
+bool Thread::main_thread_created = false;
+bool Thread::have_already_started_threads = false;
+std::atomic<uint32_t> Thread::_thread_count{0};
+std::atomic<bool> Thread::_threading_alive{true};
+
+// ---------------------------------------------------------------------------------------------
+// Failure policy
+
+ThreadException::ThreadException(const char *text) noexcept : BaseException(text) { logMessage(); }
+
+ThreadException::ThreadException(int errnum, const char *format, ...) noexcept {
+  va_list ap;
+  va_start(ap, format);
+  vformatMessage(errnum, format, ap);
+  va_end(ap);
+  logMessage();
+}
+
+void ThreadException::logMessage() noexcept {
+  try {
+    thread_logger.error("%s", getMessage().c_str());
+  } catch (...) {
+  }
+}
+
+void threadFatalError(const char *call_name, int errnum) {
+  uint32_t active = Thread::threadsActive();
+  const char *thread_name = Thread::getCurrentThreadNameCStr();
+  fatal_thread_error.call_name = call_name;
+  fatal_thread_error.errnum = errnum;
+  fatal_thread_error.threads_active = active;
+  copyTruncated(fatal_thread_error.thread_name, sizeof fatal_thread_error.thread_name, thread_name);
+
+  // Plain stdio into a stack buffer: the heap or the failed lock may be what broke.
+  char errbuf[128];
+  const char *errtext = strerror_r(errnum, errbuf, sizeof errbuf);
+  char text[512];
+  int n = snprintf(text, sizeof text, "Fatal thread error: %s: %s; %u threads active, in %s",
+                   call_name, errtext, active, thread_name);
+  if (n < 0) n = 0;
+  if (static_cast<size_t>(n) >= sizeof text) n = sizeof text - 1;
+  struct iovec iov[2] = {{text, static_cast<size_t>(n)}, {const_cast<char *>("\n"), 1}};
+  ssize_t ignored = writev(2, iov, 2);
+  (void)ignored;
+  try {
+    thread_logger.fatal("%s", text);
+  } catch (...) {
+  }
+  abort();
+}
+
+void checkPthreadSetup(int rc, const char *call_name) {
+  if (rc == 0) return;
+  throw ThreadException(rc, "%s: about to throw a ThreadException: %s: %%m; %u threads active",
+                        Thread::getCurrentThreadNameCStr(), call_name, Thread::threadsActive());
+}
+
+void checkPthreadWorking(int rc, const char *call_name) {
+  if (rc != 0 && Thread::_threading_alive.load(std::memory_order_relaxed)) {
+    threadFatalError(call_name, rc);
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Wrappers
+
+PthreadMutex::PthreadMutex() {
+  checkPthreadSetup(pthread_mutex_init(&_mutex, nullptr), "pthread_mutex_init");
+}
+PthreadMutex::~PthreadMutex() {
+  checkPthreadWorking(pthread_mutex_destroy(&_mutex), "pthread_mutex_destroy");
+}
+void PthreadMutex::lock() {
+  checkPthreadWorking(pthread_mutex_lock(&_mutex), "pthread_mutex_lock");
+}
+void PthreadMutex::unlock() {
+  checkPthreadWorking(pthread_mutex_unlock(&_mutex), "pthread_mutex_unlock");
+}
+
+bool PthreadMutex::tryLock() {
+  int rc = pthread_mutex_trylock(&_mutex);
+  if (rc == 0) return true;
+  if (rc == EBUSY || rc == EAGAIN) return false;
+  checkPthreadWorking(rc, "pthread_mutex_trylock");
+  return false;
+}
+
+void PthreadMutex::appendDebugString(Str &out) const {
+  static const char hex[] = "0123456789abcdef";
+  out.append("PthreadMutexImpl:{");
+  const unsigned char *p = reinterpret_cast<const unsigned char *>(&_mutex);
+  for (size_t i = 0; i < sizeof _mutex; ++i) {
+    out.push_back(hex[p[i] >> 4]);
+    out.push_back(hex[p[i] & 15]);
+  }
+  out.push_back('}');
+}
+
+PthreadCondition::PthreadCondition() {
+  pthread_condattr_t attr;
+  pthread_condattr_init(&attr);
+  pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+  int rc = pthread_cond_init(&_cond, &attr);
+  pthread_condattr_destroy(&attr);
+  checkPthreadSetup(rc, "pthread_cond_init");
+}
+PthreadCondition::~PthreadCondition() {
+  checkPthreadWorking(pthread_cond_destroy(&_cond), "pthread_cond_destroy");
+}
+void PthreadCondition::wait(PthreadMutex &mutex) {
+  checkPthreadWorking(pthread_cond_wait(&_cond, mutex.native()), "pthread_cond_wait");
+}
+
+bool PthreadCondition::waitRelative(PthreadMutex &mutex, int64_t seconds, int32_t nanoseconds) {
+  struct timespec deadline;
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += seconds;
+  deadline.tv_nsec += nanoseconds;
+  if (deadline.tv_nsec >= 1000000000) {
+    deadline.tv_sec += 1;
+    deadline.tv_nsec -= 1000000000;
+  } else if (deadline.tv_nsec < 0) {
+    deadline.tv_sec -= 1;
+    deadline.tv_nsec += 1000000000;
+  }
+  int rc = pthread_cond_clockwait(&_cond, mutex.native(), CLOCK_MONOTONIC, &deadline);
+  if (rc == ETIMEDOUT) return false;
+  checkPthreadWorking(rc, "pthread_cond_clockwait");
+  return true;
+}
+
+void PthreadCondition::signal() {
+  checkPthreadWorking(pthread_cond_signal(&_cond), "pthread_cond_signal");
+}
+void PthreadCondition::broadcast() {
+  checkPthreadWorking(pthread_cond_broadcast(&_cond), "pthread_cond_broadcast");
+}
+
+PthreadRWLock::PthreadRWLock() {
+  checkPthreadSetup(pthread_rwlock_init(&_rwlock, nullptr), "pthread_rwlock_init");
+}
+PthreadRWLock::~PthreadRWLock() {
+  checkPthreadWorking(pthread_rwlock_destroy(&_rwlock), "pthread_rwlock_destroy");
+}
+void PthreadRWLock::readLock() {
+  checkPthreadWorking(pthread_rwlock_rdlock(&_rwlock), "pthread_rwlock_rdlock");
+}
+void PthreadRWLock::writeLock() {
+  checkPthreadWorking(pthread_rwlock_wrlock(&_rwlock), "pthread_rwlock_wrlock");
+}
+void PthreadRWLock::unlock() {
+  checkPthreadWorking(pthread_rwlock_unlock(&_rwlock), "pthread_rwlock_unlock");
+}
+
+ScopedReader::~ScopedReader() {
+  if (_rwlock != nullptr) _rwlock->unlock();
+}
+
+void ScopedReader::setup(PthreadRWLock &rwlock) {
+  MV_ASSERT(_rwlock == nullptr);
+  _rwlock = &rwlock;
+  _rwlock->readLock();
+}
+
+ScopedWriter::ScopedWriter(PthreadRWLock *rwlock) : _rwlock(rwlock) {
+  MV_ASSERT(rwlock != nullptr);
+  _rwlock->writeLock();
+}
+
+ScopedWriter::~ScopedWriter() {
+  MV_ASSERT(_rwlock != nullptr);
+  _rwlock->unlock();
+}
+
+void ThreadTokenSet::clear() {
+  ScopedMutexLock lock(_mutex);
+  _tokens.clear();
+}
+
+void ThreadTokenSet::add(pthread_t token) {
+  ScopedMutexLock lock(_mutex);
+  _tokens.push_back(token);
+}
+
+bool ThreadTokenSet::contains(pthread_t token) {
+  ScopedMutexLock lock(_mutex);
+  for (pthread_t t : _tokens) {
+    if (pthread_equal(t, token)) return true;
+  }
+  return false;
+}
+
+void ThreadTokenSet::remove(pthread_t token) {
+  ScopedMutexLock lock(_mutex);
+  for (auto it = _tokens.begin(); it != _tokens.end(); ++it) {
+    if (pthread_equal(*it, token)) {
+      _tokens.erase(it);
+      return;
+    }
+  }
+}
+
+void ThreadTokenSet::add(const Thread &thr) { add(thr.getToken()); }
+bool ThreadTokenSet::contains(const Thread &thr) { return contains(thr.getToken()); }
+void ThreadTokenSet::remove(const Thread &thr) { remove(thr.getToken()); }
+
+void ThreadTokenSet::appendDebugString(Str &out) {
+  ScopedMutexLock lock(_mutex);
+  out.push_back('{');
+  for (size_t i = 0; i < _tokens.size(); ++i) {
+    if (i != 0) out.push_back(',');
+    out.appendf("%lx", static_cast<unsigned long>(_tokens[i]));
+  }
+  out.push_back('}');
+}
+
+void yieldProcessor() { sched_yield(); }
+
+uint32_t waitWhileOdd(const std::atomic<uint32_t> &word) {
+  uint32_t v;
+  while (((v = word.load(std::memory_order_acquire)) & 1) != 0) sched_yield();
+  return v;
+}
+
+void exitWithoutCleanup(int status) {
+  Thread::_threading_alive.store(false);
+  _exit(status);
+}
+
+ScopedSingleThreadFlag::ScopedSingleThreadFlag() {
+  if (Thread::have_already_started_threads) {
+    _saved = false;
+    return;
+  }
+  _saved = single_thread_flag;
+  single_thread_flag = true;
+}
+
+ScopedSingleThreadFlag::~ScopedSingleThreadFlag() {
+  if (!Thread::have_already_started_threads) single_thread_flag = _saved;
+}
+
+bool ScopedSingleThreadFlag::isSet() { return single_thread_flag; }
+
+// ---------------------------------------------------------------------------------------------
+// Scratch
+
+per_thread_state::per_thread_state()
+    : _u{{nullptr, nullptr}},
+      _random_state{0, 0},
+      _duty_cycle(15000000000ull),
+      _log_buffer_owner(nullptr) {}
+
+per_thread_state::~per_thread_state() { MV_ASSERT(_u.s.waitingOn == nullptr); }
+
+// ---------------------------------------------------------------------------------------------
+// Thread
+
+Thread::CountAccounter::CountAccounter(bool is_main) : _is_main(is_main) {
+  if (!is_main) {
+    MV_ASSERT(main_thread_created);
+    _thread_count.fetch_add(1);
+  }
+}
+
+Thread::CountAccounter::~CountAccounter() {
+  if (!_is_main) _thread_count.fetch_sub(1);
+}
+
+Thread::Thread(const char *format, ...)
+    : _did_join(DID_NOT_JOIN),
+      _token(),
+      _thread_id(0),
+      _ready_to_run(false),
+      _in_global_thread_list(true),
+      _global_thread_list_prevp(nullptr),
+      _global_thread_list_next(nullptr),
+      _count_accounter(false) {
+  va_list ap;
+  va_start(ap, format);
+  initialize(DEFAULT_STACK_SIZE, SCHED_OTHER, 0, format, ap);
+  va_end(ap);
+}
+
+Thread::Thread(size_t stack_size, const char *format, ...)
+    : _did_join(DID_NOT_JOIN),
+      _token(),
+      _thread_id(0),
+      _ready_to_run(false),
+      _in_global_thread_list(true),
+      _global_thread_list_prevp(nullptr),
+      _global_thread_list_next(nullptr),
+      _count_accounter(false) {
+  va_list ap;
+  va_start(ap, format);
+  initialize(stack_size, SCHED_OTHER, 0, format, ap);
+  va_end(ap);
+}
+
+Thread::Thread(int policy, int priority, const char *format, ...)
+    : _did_join(DID_NOT_JOIN),
+      _token(),
+      _thread_id(0),
+      _ready_to_run(false),
+      _in_global_thread_list(true),
+      _global_thread_list_prevp(nullptr),
+      _global_thread_list_next(nullptr),
+      _count_accounter(false) {
+  va_list ap;
+  va_start(ap, format);
+  initialize(DEFAULT_STACK_SIZE, policy, priority, format, ap);
+  va_end(ap);
+}
+
+Thread::Thread(size_t stack_size, int policy, int priority, const char *format, va_list ap)
+    : _did_join(DID_NOT_JOIN),
+      _token(),
+      _thread_id(0),
+      _ready_to_run(false),
+      _in_global_thread_list(true),
+      _global_thread_list_prevp(nullptr),
+      _global_thread_list_next(nullptr),
+      _count_accounter(false) {
+  initialize(stack_size, policy, priority, format, ap);
+}
+
+void Thread::initialize(size_t stack_size, int policy, int priority, const char *format,
+                        va_list ap) {
+  _crash_notations = {nullptr, nullptr};
+  _thread_notation = {};
+  _inSignalContextActor.store(nullptr);
+  _signal_context_busy.store(false);
+  _scratchp.store(nullptr);
+  _sched_priority = priority;
+  _sched_policy = policy;
+  _name.vprintf(format, ap);
+  _name.removeAll(' ');
+  startOSThread(stack_size);
+}
+
+void Thread::setUpCrashNotations() {
+  _thread_notation.entry.ent.render = &Thread::renderThreadNotation;
+  _thread_notation.entry.ent.destruct = [](crashlog_notation_entry *) {};
+  _thread_notation.entry.next = nullptr;
+  _thread_notation.entry.prev = nullptr;
+  _thread_notation.owner = this;
+  _crash_notations.root = &_thread_notation.entry;
+  _crash_notations.last = &_thread_notation.entry;
+}
+
+void Thread::renderThreadNotation(crashlog_notation_entry *e, crash_log_write_handle *w) {
+  ThreadNotation *n = reinterpret_cast<ThreadNotation *>(e);
+  CrashLogWriter writer(w);
+  n->owner->writeCrashLogNotation(writer);
+}
+
+void Thread::startOSThread(size_t stack_size) {
+  if (!main_thread_created) throw ThreadException("Thread created before main thread!");
+  have_already_started_threads = true;
+  setUpCrashNotations();
+
+  Thread *creator = activeThreads;
+  int rc;
+  if (stack_size == DEFAULT_STACK_SIZE && _sched_policy == SCHED_OTHER &&
+      (creator == nullptr || creator->_sched_policy == SCHED_OTHER)) {
+    rc = pthread_create(&_token, &_default_thread_attr, &Thread::callMain, this);
+  } else {
+    // Deliberately never destroyed: it is small, and a thread may outlive any scope here.
+    pthread_attr_t *attr = new pthread_attr_t;
+    pthread_attr_init(attr);
+    if (pthread_attr_setstacksize(attr, stack_size) != 0) {
+      thread_logger.warn("cannot override thread stack size: pthread_attr_setstacksize(): %m");
+    }
+    if (pthread_attr_setinheritsched(attr, PTHREAD_EXPLICIT_SCHED) != 0) {
+      thread_logger.warn(
+          "cannot override thread inherit sched: pthread_attr_setinheritsched(): %m");
+    }
+    if (pthread_attr_setschedpolicy(attr, _sched_policy) != 0) {
+      thread_logger.warn(
+          "cannot override thread scheduling policy: pthread_attr_setschedpolicy(): %m");
+    }
+    struct sched_param param = {};
+    param.sched_priority = _sched_priority;
+    if (pthread_attr_setschedparam(attr, &param) != 0) {
+      thread_logger.warn(
+          "cannot override thread scheduling parameter: pthread_attr_setschedparam(): %m");
+    }
+    rc = pthread_create(&_token, attr, &Thread::callMain, this);
+  }
+  if (rc != 0) {
+    throw ThreadException(rc,
+                          "%s: about to throw a ThreadException: pthread_create: %%m; %u threads "
+                          "active. Trying to create %s",
+                          getCurrentThreadNameCStr(), threadsActive(), _name.c_str());
+  }
+}
+
+void *Thread::callMain(void *arg) {
+  Thread *instance = static_cast<Thread *>(arg);
+  per_thread_state scratch;
+  instance->_scratchp.store(&scratch, std::memory_order_release);
+  // The kernel keeps at most 15 bytes of a name.
+  char osname[16];
+  size_t n = instance->_name.size() < 15 ? instance->_name.size() : 15;
+  memcpy(osname, instance->_name.data(), n);
+  osname[n] = '\0';
+  pthread_setname_np(pthread_self(), osname);
+  instance->_thread_id.store(osThreadId(), std::memory_order_relaxed);
+  MV_ASSERT(activeThreads == nullptr);
+  activeThreads = instance;
+  if (instance->wait_for_go()) {
+    instance->_callMainAndDiscardTerminateException();
+    if (instance->_in_global_thread_list) instance->_remove_from_global_thread_list();
+  }
+  MV_ASSERT(instance->_scratchp.load() == &scratch);
+  instance->_scratchp.store(nullptr);
+  return nullptr;
+}
+
+bool Thread::wait_for_go() {
+  ScopedMutexLock lock(_global_thread_lock);
+  while (!_ready_to_run.load()) _cond.wait(_global_thread_lock);
+  if (_did_join.load() == ALREADY_DESTRUCTING) return false;
+  MV_ASSERT(_global_thread_list_prevp == nullptr);
+  if (_in_global_thread_list) {
+    Thread *n = GLOBAL_THREAD_LIST_ROOT;
+    _global_thread_list_next = n;
+    if (n != nullptr) {
+      MV_ASSERT(n->_global_thread_list_prevp == &GLOBAL_THREAD_LIST_ROOT);
+      n->_global_thread_list_prevp = &_global_thread_list_next;
+    }
+    GLOBAL_THREAD_LIST_ROOT = this;
+    _global_thread_list_prevp = &GLOBAL_THREAD_LIST_ROOT;
+  }
+  return true;
+}
+
+void Thread::_remove_from_global_thread_list() {
+  ScopedMutexLock lock(_global_thread_lock);
+  MV_ASSERT(_global_thread_list_prevp != nullptr);
+  MV_ASSERT(*_global_thread_list_prevp == this);
+  Thread *n = _global_thread_list_next;
+  *_global_thread_list_prevp = n;
+  if (n != nullptr) {
+    MV_ASSERT(n->_global_thread_list_prevp == &_global_thread_list_next);
+    n->_global_thread_list_prevp = _global_thread_list_prevp;
+  }
+}
+
+void Thread::_callMainAndDiscardTerminateException() {
+  MV_ASSERT(!currentIsMainThread());
+  try {
+    runStartHooks();
+    main();
+    destroyPerThreadObjects();
+  } catch (Thread::TerminateException &e) {
+    thread_logger.debug("caught Thread::TerminateException: %s", e.what());
+  }
+}
+
+void Thread::runStartHooks() {
+  for (const PerThreadInitializer &init : perThreadInitializers()) {
+    _per_thread_objects.push_back(init());
+  }
+}
+
+void Thread::destroyPerThreadObjects() {
+  while (!_per_thread_objects.empty()) _per_thread_objects.pop_back();
+}
+
+void Thread::go() {
+  MV_ASSERT(!_ready_to_run.load());
+  ScopedMutexLock lock(_global_thread_lock);
+  _ready_to_run.store(true);
+  _cond.broadcast();
+}
+
+void Thread::join() {
+  MV_ASSERT(_did_join.load() == DID_NOT_JOIN);
+  {
+    ScopedMutexLock lock(_global_thread_lock);
+    _did_join.store(DID_JOIN);
+  }
+  checkPthreadWorking(pthread_join(_token, nullptr), "pthread_join");
+}
+
+void Thread::joinEvenIfUnstarted() {
+  _global_thread_lock.lock();
+  MV_ASSERT(_did_join.load() == DID_NOT_JOIN);
+  if (_ready_to_run.load()) {
+    _did_join.store(DID_JOIN);
+    _global_thread_lock.unlock();
+    checkPthreadWorking(pthread_join(_token, nullptr), "pthread_join");
+    return;
+  }
+  _ready_to_run.store(true);
+  _did_join.store(ALREADY_DESTRUCTING);
+  _cond.broadcast();
+  _global_thread_lock.unlock();
+  checkPthreadWorking(pthread_join(_token, nullptr), "pthread_join");
+  ScopedMutexLock lock(_global_thread_lock);
+  MV_ASSERT(_did_join.load() == ALREADY_DESTRUCTING);
+  _did_join.store(DID_JOIN);
+}
+
+void Thread::excludeFromGlobalThreadList() {
+  MV_ASSERT(!_ready_to_run.load());
+  MV_ASSERT(_global_thread_list_prevp == nullptr);
+  MV_ASSERT(_global_thread_list_next == nullptr);
+  ScopedMutexLock lock(_global_thread_lock);
+  _in_global_thread_list = false;
+}
+
+Thread::~Thread() {
+  if (!_per_thread_objects.empty()) {
+    // Only the main thread may inherit another thread's leftovers.
+    if (main_thread_created) MV_ASSERT(currentIsMainThread());
+    destroyPerThreadObjects();
+  }
+  if (_threading_alive.load()) {
+    _global_thread_lock.lock();
+    if (_did_join.load() != DID_JOIN) {
+      // A started thread must have been joined by now.
+      MV_ASSERT(_did_join.load() == DID_NOT_JOIN);
+      MV_ASSERT(!_ready_to_run.load());
+      _ready_to_run.store(true);
+      _did_join.store(ALREADY_DESTRUCTING);
+      _cond.broadcast();
+      _global_thread_lock.unlock();
+      checkPthreadWorking(pthread_join(_token, nullptr), "pthread_join");
+    } else {
+      _global_thread_lock.unlock();
+    }
+  }
+}
+
+bool Thread::isCurrent() const { return pthread_equal(_token, pthread_self()) != 0; }
+
+bool Thread::currentIsMainThread() {
+  if (!main_thread_created) return true;
+  return pthread_equal(pthread_self(), _main_thread_token) != 0;
+}
+
+Thread *Thread::getCurrent() { return activeThreads; }
+
+const Str &Thread::getCurrentThreadName() {
+  if (activeThreads != nullptr) return activeThreads->_name;
+  if (!main_thread_created || pthread_equal(pthread_self(), _main_thread_token)) {
+    return mainThreadName();
+  }
+  return unknownThreadName();
+}
+
+uint64_t Thread::getCurrentThreadId() {
+  if (activeThreads != nullptr) return activeThreads->getThreadId();
+  if (!main_thread_created || pthread_equal(pthread_self(), _main_thread_token)) {
+    return main_thread_created ? _main_thread_id : osThreadId();
+  }
+  return osThreadId();
+}
+
+uint64_t Thread::osThreadId() {
+  pid_t tid = gettid();
+  return tid > 0 ? static_cast<uint64_t>(tid) : static_cast<uint64_t>(getpid());
+}
+
+uint32_t Thread::threadsActive() { return main_thread_created ? _thread_count.load() + 1 : 1; }
+
+void Thread::assertNotMultithreadedYet() { MV_ASSERT(!have_already_started_threads); }
+
+void Thread::addPerThreadInitializer(PerThreadInitializer function) {
+  assertNotMultithreadedYet();
+  perThreadInitializers().push_back(function);
+  if (main_thread_created && activeThreads != nullptr) {
+    activeThreads->_per_thread_objects.push_back(function());
+  }
+}
+
+per_thread_state *Thread::perThreadScratch() {
+  return activeThreads != nullptr ? activeThreads->_scratchp.load(std::memory_order_relaxed)
+                                  : nullptr;
+}
+
+void Thread::schedPolicyToName(Str &out, int policy) {
+  switch (policy) {
+    case SCHED_OTHER:
+      out.append("other");
+      break;
+    case SCHED_FIFO:
+      out.append("fifo");
+      break;
+    case SCHED_RR:
+      out.append("round_robin");
+      break;
+    default:
+      out.append("none");
+      break;
+  }
+}
+
+bool Thread::schedPolicyFromName(const char *bytes, size_t length, int &policy) {
+  static const struct {
+    const char *name;
+    int policy;
+  } names[] = {{"other", SCHED_OTHER}, {"fifo", SCHED_FIFO}, {"round_robin", SCHED_RR}};
+  for (const auto &n : names) {
+    if (strlen(n.name) == length && memcmp(n.name, bytes, length) == 0) {
+      policy = n.policy;
+      return true;
+    }
+  }
+  return false;
+}
+
+void Thread::writeCrashLogNotation(CrashLogWriter &w) {
+  if (strcmp(fatal_thread_error.call_name, "none") != 0) {
+    w.write("Dying on fatal thread error ");
+    w.writeSigned(fatal_thread_error.errnum);
+    w.write(" from ");
+    w.write(fatal_thread_error.call_name);
+    w.write(", thread ");
+    w.write(fatal_thread_error.thread_name);
+    w.writeChar('\n');
+  }
+  w.write("Thread: \"");
+  w.write(_name.data(), _name.size());
+  w.write("\", did_join=");
+  w.writeSigned(_did_join.load());
+  w.write(", ready_to_run=");
+  w.writeFlag(_ready_to_run.load());
+  w.write(", main_thread=");
+  w.writeFlag(_count_accounter.isMain());
+  w.write(", token=");
+  w.writeHexBytes(&_token, sizeof _token);
+  w.writeChar('\n');
+  if (per_thread_state *scratch = _scratchp.load(std::memory_order_acquire)) {
+    // The waiting state's full rendering arrives with MutexByte.
+    w.write("MutexByte: ");
+    w.write(scratch->_u.s.waitingOn == nullptr ? "not waiting" : "waiting");
+    w.writeChar('\n');
+  }
+}
+
+void forEachListedThread(const std::function<void(Thread &)> &fn) {
+  ScopedMutexLock lock(_global_thread_lock);
+  for (Thread *t = GLOBAL_THREAD_LIST_ROOT; t != nullptr; t = t->_global_thread_list_next) fn(*t);
+}
+
+// ---------------------------------------------------------------------------------------------
+// MainThread
+
+Thread::Thread(MainThreadTag)
+    : _did_join(DID_JOIN),
+      _token(pthread_self()),
+      _name(mainThreadName()),
+      _thread_id(osThreadId()),
+      _ready_to_run(true),
+      _in_global_thread_list(false),
+      _global_thread_list_prevp(nullptr),
+      _global_thread_list_next(nullptr),
+      _count_accounter(true),
+      _crash_notations{nullptr, nullptr},
+      _thread_notation{},
+      _inSignalContextActor(nullptr),
+      _signal_context_busy(false),
+      _scratchp(nullptr),
+      _sched_priority(0),
+      _sched_policy(SCHED_OTHER) {}
+
+MainThread::MainThread() : Thread(MainThreadTag{}) {
+  if (main_thread_created) throw ThreadException("Main Thread created twice!");
+  _thread_count.store(0);
+  (void)clock();
+  // Static string sets queued during static initialisation are finalised here, while the
+  // process still has one thread.
+  checkPthreadWorking(pthread_attr_init(&_default_thread_attr), "pthread_attr_init");
+  if (pthread_attr_setstacksize(&_default_thread_attr, DEFAULT_STACK_SIZE) != 0) {
+    thread_logger.warn("cannot override thread stack size: pthread_attr_setstacksize(): %m");
+  }
+  _main_thread_token = pthread_self();
+  _main_thread_id = getThreadId();
+  main_thread_created = true;
+  setUpCrashNotations();
+  runStartHooks();
+  _main_scratch.emplace();
+  _scratchp.store(&*_main_scratch);
+  MV_ASSERT(activeThreads == nullptr);
+  activeThreads = this;
+}
+
+MainThread::~MainThread() {
+  // From here on the order of static destruction is nobody's: pthread failures are ignored.
+  _threading_alive.store(false);
+  MV_ASSERT(activeThreads == this);
+  activeThreads = nullptr;
+  _scratchp.store(nullptr);
+  _main_scratch.reset();
+}
+
+void EmptyMainThread::main() {
+  zero_assert_fail("EmptyMainThread::main must never be called", __func__, __FILE__, __LINE__);
+}
+
+// ---------------------------------------------------------------------------------------------
+// ThreadFunction
+
+ThreadFunction::ThreadFunction(Body body, const char *name)
+    : Thread("%s", name), _body(std::move(body)) {}
+
+ThreadFunction::ThreadFunction(Body body, size_t stack_size, const char *name)
+    : Thread(stack_size, "%s", name), _body(std::move(body)) {}
+
+ThreadFunction::~ThreadFunction() {
+  if (_did_join.load() == DID_NOT_JOIN) joinEvenIfUnstarted();
+}
+
+void ThreadFunction::main() {
+  if (!_body) throw std::bad_function_call();
+  _body();
+}
+
+}  // namespace morvek

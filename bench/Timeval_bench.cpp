@@ -1,0 +1,33 @@
+// The clock reads the spine depends on, against the standard library's.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+
+#include "basicutil/Timeval.h"
+
+static void BM_TimevalNow(benchmark::State &state) {
+  for (auto _ : state) benchmark::DoNotOptimize(morvek::Timeval::now());
+}
+BENCHMARK(BM_TimevalNow);
+
+static void BM_SystemClockNow(benchmark::State &state) {
+  for (auto _ : state) benchmark::DoNotOptimize(std::chrono::system_clock::now());
+}
+BENCHMARK(BM_SystemClockNow);
+
+static void BM_TimevalCachedNow(benchmark::State &state) {
+  morvek::Timeval::setCachedNow();
+  for (auto _ : state) benchmark::DoNotOptimize(morvek::Timeval::cachedNow());
+}
+BENCHMARK(BM_TimevalCachedNow);
+
+static void BM_TimevalAddUsec(benchmark::State &state) {
+  morvek::Timeval t(1700000000, 0);
+  for (auto _ : state) {
+    t.addUsec(1234567);
+    benchmark::DoNotOptimize(t);
+  }
+}
+BENCHMARK(BM_TimevalAddUsec);
+
+BENCHMARK_MAIN();

@@ -1,0 +1,37 @@
+// Helpers shared by the tests: running a program and reading its output.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace testutil {
+
+struct ChildProcess {
+  pid_t pid = -1;
+  int out_fd = -1;  // the child's standard output, or -1
+  int err_fd = -1;  // the child's standard error, or -1
+};
+
+// Starts argv[0] with the given arguments and pipes on both standard streams.
+ChildProcess spawnWithPipes(const std::vector<std::string> &argv);
+
+// Runs the program to its end and collects both streams and the wait status.
+struct RunResult {
+  std::string out;
+  std::string err;
+  int status = 0;
+};
+RunResult runToCompletion(const std::vector<std::string> &argv, int timeout_ms = 10000);
+
+// Reads one line (without the newline) from fd, waiting at most timeout_ms. False on EOF or
+// time-out.
+bool readLine(int fd, std::string &line, int timeout_ms);
+
+// Waits for the child; returns its wait status, or -1 on time-out (the child is then killed).
+int waitWithTimeout(pid_t pid, int timeout_ms);
+
+std::string makeTempDir();
+
+}  // namespace testutil
