@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 
 #include "basicutil/FileDescriptor.h"
 #include "libzero/fatal-assert.h"
@@ -68,16 +69,20 @@ bool FileStar::readline(Str &storeTo) {
   if (before < 0) return readlineUnseekable(storeTo);
 
   // fgets says nothing of how much it stored, and a NUL byte inside a line makes strlen lie;
-  // the stream's position does not.
+  // the stream's position does not. strlen can be trusted when it finds a full buffer or a
+  // newline at its end, which spares the position query (a system call) on most pieces.
   char buf[LINE_CHUNK];
   char last = '\0';
   while (fgets(buf, sizeof buf, _fp) != nullptr) {
-    off_t after = ftello(_fp);
-    off_t str_size = after - before;
+    off_t str_size = static_cast<off_t>(strlen(buf));
+    if (str_size != static_cast<off_t>(sizeof buf - 1) &&
+        (str_size == 0 || buf[str_size - 1] != '\n')) {
+      str_size = ftello(_fp) - before;
+    }
     MV_ASSERT(str_size > 0);
     MV_ASSERT(str_size < static_cast<off_t>(sizeof buf));
     storeTo.append(buf, static_cast<size_t>(str_size));
-    before = after;
+    before += str_size;
     last = buf[str_size - 1];
     if (str_size != static_cast<off_t>(sizeof buf - 1) || last == '\n') break;
   }
