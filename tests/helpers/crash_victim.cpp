@@ -196,6 +196,7 @@ int main(int argc, char **argv) {
     std::string path = dir + "/stderr.txt";
     crash_log_set_stderr_file(path.c_str());
     announceDeath();
+    if (strcmp(mode_arg, "terminate") == 0) std::terminate();
     abort();
   } else if (mode == "thread-exception") {
     ThreadFunction worker(
@@ -234,6 +235,11 @@ int main(int argc, char **argv) {
     announceDeath();
     allocation_forbidden = 1;
     *static_cast<volatile int *>(nullptr) = 1;
+  } else if (mode == "alloc-check") {
+    // Proves the guard itself works: this allocation must be refused.
+    allocation_forbidden = 1;
+    void *(*volatile alloc)(size_t) = &malloc;
+    return alloc(16) != nullptr ? 6 : 7;
   } else if (mode == "fd-limit") {
     struct rlimit rl = {32, 32};
     if (setrlimit(RLIMIT_NOFILE, &rl) != 0) return 4;
