@@ -332,7 +332,9 @@ ScopedPerThreadCrashLogNotation::~ScopedPerThreadCrashLogNotation() {
   if (_attached) crashlog_notation_perthread_pop();
 }
 
-void ScopedPerThreadCrashLogNotation::render(crashlog_notation_entry *e, crash_log_writer *w) {
+// Runs in the crash handler, where the sanitizers' type checks may lack the descriptors they need.
+__attribute__((no_sanitize("vptr"))) void ScopedPerThreadCrashLogNotation::render(
+    crashlog_notation_entry *e, crash_log_writer *w) {
   CrashLogWriter writer(w);
   reinterpret_cast<Entry *>(e)->owner->write(writer);
 }

@@ -368,8 +368,17 @@ __attribute__((noinline)) int collect_frames(void **addrs, size_t *sizes, int ma
   ++backtrace_depth;
   void *frames[64];
   int got = backtrace(frames, 64);
-  // One frame for this function and one for the form that called it.
-  skip += 2;
+  // Skip this function and the form that called it. The form's frame is found by its return
+  // address, since an interposed backtrace (a sanitizer's) may add frames of its own.
+  void *into_form = __builtin_return_address(0);
+  int base = 2;
+  for (int i = 0; i < got && i < 4; ++i) {
+    if (frames[i] == into_form) {
+      base = i + 1;
+      break;
+    }
+  }
+  skip += base;
   int avail = got > skip ? got - skip : 0;
   int n = avail < max ? avail : (max < 0 ? 0 : max);
   for (int i = 0; i < n; ++i) {

@@ -34,6 +34,9 @@ using namespace morvek;
 
 static volatile sig_atomic_t allocation_forbidden = 0;
 
+// The faults below are the point; the sanitizers must not catch them first.
+#define VICTIM_UNCHECKED __attribute__((no_sanitize("undefined", "address")))
+
 #if VICTIM_CAN_WATCH_MALLOC
 extern "C" {
 void *__libc_malloc(size_t);
@@ -92,13 +95,13 @@ void announceDeath() {
   (void)ignored;
 }
 
-__attribute__((noinline)) void segvNull() {
+VICTIM_UNCHECKED __attribute__((noinline)) void segvNull() {
   announceDeath();
   *static_cast<volatile int *>(nullptr) = 1;
 }
 
 // Deep enough to exhaust any stack; the bound only keeps the compiler from calling it endless.
-__attribute__((noinline)) int recurse(long depth) {
+VICTIM_UNCHECKED __attribute__((noinline)) int recurse(long depth) {
   volatile char pad[1024];
   pad[0] = static_cast<char>(depth);
   if (depth > (1L << 40)) return pad[0];
@@ -142,12 +145,13 @@ void attachBulk(size_t count, size_t piece) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+VICTIM_UNCHECKED int main(int argc, char **argv) {
   if (argc < 3) usage();
   const std::string mode = argv[1];
   const std::string dir = argv[2];
   mode_arg = argc > 3 ? argv[3] : "";
 
+  // Sanitizer builds replace the allocator, and with it glibc's own heap checks.
   if (mode == "can-watch-malloc") return VICTIM_CAN_WATCH_MALLOC ? 0 : 1;
 
   // Installed before MainThread exists, as a program's first act would do.
