@@ -413,7 +413,7 @@ void Thread::setUpCrashNotations() {
   _crash_notations.last = &_thread_notation.entry;
 }
 
-void Thread::renderThreadNotation(crashlog_notation_entry *e, crash_log_write_handle *w) {
+void Thread::renderThreadNotation(crashlog_notation_entry *e, crash_log_writer *w) {
   ThreadNotation *n = reinterpret_cast<ThreadNotation *>(e);
   CrashLogWriter writer(w);
   n->owner->writeCrashLogNotation(writer);

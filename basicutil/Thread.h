@@ -238,6 +238,8 @@ class Thread {
   int getSchedPolicy() const { return _sched_policy; }
   int getSchedPriority() const { return _sched_priority; }
   per_thread_state *getScratch() const { return _scratchp.load(std::memory_order_acquire); }
+  // The thread's crash log notation stack, headed by its own description.
+  crashlog_notation_perthread_state *crashNotationState() { return &_crash_notations; }
 
   static bool currentIsMainThread();
   static Thread *getCurrent();
@@ -292,7 +294,7 @@ class Thread {
   bool wait_for_go();
   void _remove_from_global_thread_list();
   void _callMainAndDiscardTerminateException();
-  static void renderThreadNotation(crashlog_notation_entry *e, crash_log_write_handle *w);
+  static void renderThreadNotation(crashlog_notation_entry *e, crash_log_writer *w);
 
   friend class MainThread;
   friend class ThreadFunction;

@@ -209,9 +209,9 @@ TEST(ThreadSchedNames, RoundTripAndRejectOthers) {
 }
 
 struct CollectingWriter {
-  crash_log_write_handle handle{&CollectingWriter::write};
+  crash_log_writer handle{&CollectingWriter::write};
   std::string text;
-  static void write(crash_log_write_handle *h, const char *bytes, size_t len) {
+  static void write(crash_log_writer *h, const char *bytes, size_t len) {
     reinterpret_cast<CollectingWriter *>(h)->text.append(bytes, len);
   }
 };

@@ -1,0 +1,275 @@
+// Installs the crash logger and dies in the way its first argument names, so that tests can read
+// the crash log it leaves. Usage: crash-victim MODE DIR|- [ARG]
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+
+#include "basicutil/BaseException.h"
+#include "basicutil/CrashLog.h"
+#include "basicutil/Thread.h"
+
+using namespace morvek;
+
+// ---- An allocator that refuses to work once the process is dying ------------------------------
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VICTIM_CAN_WATCH_MALLOC 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define VICTIM_CAN_WATCH_MALLOC 0
+#endif
+#endif
+#ifndef VICTIM_CAN_WATCH_MALLOC
+#define VICTIM_CAN_WATCH_MALLOC 1
+#endif
+
+static volatile sig_atomic_t allocation_forbidden = 0;
+
+// The faults below are the point; the sanitizers must not catch them first.
+#define VICTIM_UNCHECKED __attribute__((no_sanitize("undefined", "address")))
+
+#if VICTIM_CAN_WATCH_MALLOC
+extern "C" {
+void *__libc_malloc(size_t);
+void *__libc_calloc(size_t, size_t);
+void *__libc_realloc(void *, size_t);
+void *__libc_memalign(size_t, size_t);
+void __libc_free(void *);
+
+static void refuse() {
+  static const char text[] = "ALLOCATION DURING CRASH REPORT\n";
+  ssize_t ignored = write(2, text, sizeof text - 1);
+  (void)ignored;
+  _exit(99);
+}
+void *malloc(size_t n) {
+  if (allocation_forbidden) refuse();
+  return __libc_malloc(n);
+}
+void *calloc(size_t n, size_t m) {
+  if (allocation_forbidden) refuse();
+  return __libc_calloc(n, m);
+}
+void *realloc(void *p, size_t n) {
+  if (allocation_forbidden) refuse();
+  return __libc_realloc(p, n);
+}
+void *memalign(size_t a, size_t n) {
+  if (allocation_forbidden) refuse();
+  return __libc_memalign(a, n);
+}
+int posix_memalign(void **out, size_t a, size_t n) {
+  if (allocation_forbidden) refuse();
+  *out = __libc_memalign(a, n);
+  return *out != nullptr ? 0 : ENOMEM;
+}
+void *aligned_alloc(size_t a, size_t n) { return memalign(a, n); }
+void free(void *p) {
+  if (allocation_forbidden && p != nullptr) refuse();
+  __libc_free(p);
+}
+}
+#endif
+
+namespace {
+
+const char *mode_arg = "";
+
+// The monotonic time of the fatal moment, for the parent's measure of the report's duration.
+void announceDeath() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  char line[64];
+  int n = snprintf(line, sizeof line, "dying at %lld\n",
+                   static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec);
+  ssize_t ignored = write(1, line, static_cast<size_t>(n));
+  (void)ignored;
+}
+
+VICTIM_UNCHECKED __attribute__((noinline)) void segvNull() {
+  announceDeath();
+  *static_cast<volatile int *>(nullptr) = 1;
+}
+
+// Deep enough to exhaust any stack; the bound only keeps the compiler from calling it endless.
+VICTIM_UNCHECKED __attribute__((noinline)) int recurse(long depth) {
+  volatile char pad[1024];
+  pad[0] = static_cast<char>(depth);
+  if (depth > (1L << 40)) return pad[0];
+  return recurse(depth + 1) + pad[0];
+}
+
+// A notation writing `count` bytes at once, or forever in 10 KiB pieces when count is 0.
+struct BulkNotation {
+  crashlog_notation_entry entry;
+  size_t count;
+  size_t piece;
+};
+
+void renderBulk(crashlog_notation_entry *e, crash_log_writer *w) {
+  BulkNotation *b = reinterpret_cast<BulkNotation *>(e);
+  static char block[64 * 1024];
+  memset(block, 'x', sizeof block);
+  if (b->count == 0) {
+    for (;;) crashlog_write(w, block, b->piece);
+  }
+  for (size_t done = 0; done < b->count; done += b->piece) {
+    size_t n = b->count - done < b->piece ? b->count - done : b->piece;
+    crashlog_write(w, block, n);
+  }
+}
+
+BulkNotation bulk;
+
+void attachBulk(size_t count, size_t piece) {
+  bulk.entry.ent.render = &renderBulk;
+  bulk.entry.ent.destruct = nullptr;
+  bulk.count = count;
+  bulk.piece = piece;
+  crashlog_notation_attach(&bulk.entry);
+}
+
+[[noreturn]] void usage() {
+  fprintf(stderr, "usage: crash-victim MODE DIR|- [ARG]\n");
+  exit(2);
+}
+
+}  // namespace
+
+VICTIM_UNCHECKED int main(int argc, char **argv) {
+  if (argc < 3) usage();
+  const std::string mode = argv[1];
+  const std::string dir = argv[2];
+  mode_arg = argc > 3 ? argv[3] : "";
+
+  // Sanitizer builds replace the allocator, and with it glibc's own heap checks.
+  if (mode == "can-watch-malloc") return VICTIM_CAN_WATCH_MALLOC ? 0 : 1;
+
+  // Installed before MainThread exists, as a program's first act would do.
+  int rc = dir == "-" ? installCrashLoggerToStderr() : installCrashLogger(Str(dir));
+  if (rc != 0) return 3;
+  EmptyMainThread main_thread;
+  addCrashLogNote("victim mode %s", mode.c_str());
+  addCrashLogNote("a permanent note");
+  addCrashLogNote(Str(""));  // renders nothing, so no line either
+
+  ScopedPerThreadCrashLogConstantStringNotation outer("outer scope");
+  { ScopedPerThreadCrashLogConstantStringNotation gone("popped scope"); }
+  ScopedPerThreadCrashLogConstantStrlikeNotation inner(StrSegment("inner scope"));
+
+  if (mode == "segv-null") {
+    segvNull();
+  } else if (mode == "segv-wild") {
+    announceDeath();
+    *reinterpret_cast<volatile int *>(uintptr_t{0x5a5a0000}) = 1;
+  } else if (mode == "segv-readonly") {
+    void *p = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    announceDeath();
+    *static_cast<volatile int *>(p) = 1;
+  } else if (mode == "stack-overflow") {
+    announceDeath();
+    return recurse(0);
+  } else if (mode == "sigbus") {
+    std::string path = dir + "/truncated";
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0 || ftruncate(fd, 8192) != 0) return 4;
+    volatile char *p = static_cast<char *>(mmap(nullptr, 8192, PROT_READ, MAP_SHARED, fd, 0));
+    if (ftruncate(fd, 0) != 0) return 4;
+    announceDeath();
+    return p[4096];
+  } else if (mode == "sigill") {
+    announceDeath();
+    __builtin_trap();
+  } else if (mode == "sigfpe") {
+    volatile int zero = 0;
+    announceDeath();
+    return 10 / zero;
+  } else if (mode == "abort") {
+    announceDeath();
+    abort();
+  } else if (mode == "stderr-tail") {
+    std::string path = dir + "/stderr.txt";
+    crash_log_set_stderr_file(path.c_str());
+    announceDeath();
+    if (strcmp(mode_arg, "terminate") == 0) std::terminate();
+    abort();
+  } else if (mode == "thread-exception") {
+    ThreadFunction worker(
+        [] {
+          ScopedPerThreadCrashLogConstantStringNotation in_worker("worker scope");
+          throw ThreadException("worker gave up");
+        },
+        "victim worker");
+    worker.go();
+    worker.join();
+  } else if (mode == "thread-segv") {
+    ThreadFunction worker(
+        [] {
+          ScopedPerThreadCrashLogConstantStringNotation in_worker("worker scope");
+          segvNull();
+        },
+        "victim worker");
+    worker.go();
+    worker.join();
+  } else if (mode == "thread-fatal") {
+    ThreadFunction worker([] { threadFatalError("pthread_mutex_lock", EINVAL); }, "victim worker");
+    worker.go();
+    worker.join();
+  } else if (mode == "terminate") {
+    std::terminate();
+  } else if (mode == "throw-int") {
+    throw 42;
+  } else if (mode == "throw-bad-alloc") {
+    throw std::bad_alloc();
+  } else if (mode == "heap-corruption") {
+    char *volatile p = static_cast<char *>(malloc(64));
+    free(p);
+    announceDeath();
+    free(p);
+  } else if (mode == "no-malloc") {
+    announceDeath();
+    allocation_forbidden = 1;
+    *static_cast<volatile int *>(nullptr) = 1;
+  } else if (mode == "alloc-check") {
+    // Proves the guard itself works: this allocation must be refused.
+    allocation_forbidden = 1;
+    void *(*volatile alloc)(size_t) = &malloc;
+    return alloc(16) != nullptr ? 6 : 7;
+  } else if (mode == "fd-limit") {
+    struct rlimit rl = {32, 32};
+    if (setrlimit(RLIMIT_NOFILE, &rl) != 0) return 4;
+    while (open("/dev/null", O_RDONLY) >= 0) {
+    }
+    segvNull();
+  } else if (mode == "bulk") {
+    attachBulk(strtoull(mode_arg, nullptr, 10), strtoull(mode_arg, nullptr, 10));
+    segvNull();
+  } else if (mode == "overflow") {
+    attachBulk(600 * 1024, 10 * 1024);
+    segvNull();
+  } else if (mode == "looping") {
+    attachBulk(0, 10 * 1024);
+    segvNull();
+  } else if (mode == "corrupt-list") {
+    static crashlog_notation_string_entry looped;
+    looped.e.ent.render = &crashlog_notation_write_string;
+    looped.e.ent.destruct = &free_crashlog_notation_destruct_func;
+    looped.text = "L";
+    looped.length = 1;
+    crashlog_notation_attach(&looped.e);
+    looped.e.next = &looped.e;
+    segvNull();
+  } else {
+    usage();
+  }
+  return 5;
+}
