@@ -116,7 +116,7 @@ void threadFatalError(const char *call_name, int errnum) {
 
 void checkPthreadSetup(int rc, const char *call_name) {
   if (rc == 0) return;
-  throw ThreadException(rc, "%s: about to throw a ThreadException: %s: %%m; %u threads active",
+  throw ThreadException(rc, "%s: about to throw a ThreadException: %s: %m; %u threads active",
                         Thread::getCurrentThreadNameCStr(), call_name, Thread::threadsActive());
 }
 
@@ -454,7 +454,7 @@ void Thread::startOSThread(size_t stack_size) {
   }
   if (rc != 0) {
     throw ThreadException(rc,
-                          "%s: about to throw a ThreadException: pthread_create: %%m; %u threads "
+                          "%s: about to throw a ThreadException: pthread_create: %m; %u threads "
                           "active. Trying to create %s",
                           getCurrentThreadNameCStr(), threadsActive(), _name.c_str());
   }

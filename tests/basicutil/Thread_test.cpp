@@ -312,3 +312,30 @@ TEST(ThreadWrappers, TokenSet) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ThreadWrappers, SetupFailuresThrowWithTheErrorText) {
+  try {
+    morvek::checkPthreadSetup(EAGAIN, "pthread_mutex_init");
+    FAIL() << "no exception";
+  } catch (const morvek::ThreadException &e) {
+    EXPECT_STREQ(e.what(),
+                 "MainThread: about to throw a ThreadException: pthread_mutex_init: Resource "
+                 "temporarily unavailable; 1 threads active");
+  }
+  // A stack no machine can give makes pthread_create itself fail.
+  try {
+    ThreadFunction t([] {}, size_t(1) << 52, "huge");
+    FAIL() << "no exception";
+  } catch (const morvek::ThreadException &e) {
+    std::string text = e.what();
+    EXPECT_EQ(text.rfind("MainThread: about to throw a ThreadException: pthread_create: ", 0), 0u)
+        << text;
+    EXPECT_EQ(text.find("%m"), std::string::npos) << text;
+    EXPECT_NE(text.find("; 2 threads active. Trying to create huge"), std::string::npos) << text;
+  }
+  EXPECT_EQ(Thread::threadsActive(), 1u);
+}
+
+}  // namespace
