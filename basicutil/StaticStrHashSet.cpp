@@ -119,9 +119,18 @@ bool StaticStrHashSet::contains(StrSegment text, uint64_t hash) const {
     default:
       MV_ASSERT(_state == STATE_FINALIZED || _state == STATE_POPULATING);
   }
-  auto it = std::lower_bound(hashes.begin(), hashes.end(), hash);
-  for (; it != hashes.end() && *it == hash; ++it) {
-    const Str *s = v[static_cast<size_t>(it - hashes.begin())];
+  size_t n = hashes.size();
+  if (n == 0) return false;
+  // Bisection without branches on the data: the compiler makes the step a conditional move.
+  const uint64_t *base = hashes.data();
+  while (n > 1) {
+    size_t half = n / 2;
+    base = base[half - 1] < hash ? base + half : base;
+    n -= half;
+  }
+  const uint64_t *end = hashes.data() + hashes.size();
+  for (const uint64_t *h = base + (*base < hash); h != end && *h == hash; ++h) {
+    const Str *s = v[static_cast<size_t>(h - hashes.data())];
     if (s->size() == text._len && memcmp(s->data(), text._data, text._len) == 0) return true;
   }
   return false;

@@ -122,17 +122,26 @@ size_t countByte(const char *p, size_t len, char ch) {
 #if defined(__SSE2__)
   const __m128i needle = _mm_set1_epi8(ch);
   const __m128i zero = _mm_setzero_si128();
-  while (i + 16 <= len) {
-    // A byte lane counts to at most 255 before the lanes are summed.
-    size_t blocks = std::min<size_t>((len - i) / 16, 255);
-    __m128i acc = zero;
-    for (size_t b = 0; b < blocks; ++b, i += 16) {
-      acc = _mm_sub_epi8(acc, _mm_cmpeq_epi8(load16(p + i), needle));
-    }
+  auto hit = [&](size_t at) { return _mm_cmpeq_epi8(load16(p + at), needle); };
+  auto sumLanes = [&](__m128i acc) {
     __m128i sums = _mm_sad_epu8(acc, zero);
-    total += static_cast<size_t>(_mm_cvtsi128_si32(sums)) +
-             static_cast<size_t>(_mm_cvtsi128_si32(_mm_unpackhi_epi64(sums, sums)));
+    return static_cast<size_t>(_mm_cvtsi128_si32(sums)) +
+           static_cast<size_t>(_mm_cvtsi128_si32(_mm_unpackhi_epi64(sums, sums)));
+  };
+  // Four blocks add at most 4 to a byte lane, so lanes are summed every 63 rounds.
+  while (i + 64 <= len) {
+    size_t rounds = std::min<size_t>((len - i) / 64, 63);
+    __m128i acc = zero;
+    for (size_t r = 0; r < rounds; ++r, i += 64) {
+      __m128i four =
+          _mm_add_epi8(_mm_add_epi8(hit(i), hit(i + 16)), _mm_add_epi8(hit(i + 32), hit(i + 48)));
+      acc = _mm_sub_epi8(acc, four);
+    }
+    total += sumLanes(acc);
   }
+  __m128i acc = zero;
+  for (; i + 16 <= len; i += 16) acc = _mm_sub_epi8(acc, hit(i));
+  total += sumLanes(acc);
 #endif
   for (; i < len; ++i) total += p[i] == ch;
   return total;
@@ -608,6 +617,18 @@ size_t getNextChunk(StrSegment &input, StrSegment &chunk) {
 }
 
 int compareNaturally(StrSegment a, StrSegment b, bool caseless) {
+  // Equal leading bytes decide nothing, but a chunk may straddle the first difference: go back
+  // to the start of the run that holds the last equal byte, which is a chunk start in both.
+  size_t same = 0;
+  size_t shorter = std::min(a._len, b._len);
+  while (same < shorter && a._data[same] == b._data[same]) ++same;
+  if (same > 0) {
+    const bool digits = isAsciiDigit(a._data[same - 1]);
+    size_t start = same - 1;
+    while (start > 0 && isAsciiDigit(a._data[start - 1]) == digits) --start;
+    a = StrSegment(a._data + start, a._len - start);
+    b = StrSegment(b._data + start, b._len - start);
+  }
   for (;;) {
     if (a.empty()) return b.empty() ? 0 : -1;
     if (b.empty()) return 1;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <vector>
 
 #include "basicutil/HashedStr.h"
 #include "basicutil/StaticStrHashSet.h"
@@ -92,6 +93,21 @@ TEST(StaticStrHashSetStartup, UnpopulatedLookUpLeavesTheStateAlone) {
   StaticStrHashSet fresh;
   EXPECT_FALSE(fresh.contains("x"));
   EXPECT_EQ(fresh.getState(), StaticStrHashSet::STATE_UNPOPULATED);
+}
+
+TEST(StaticStrHashSetStartup, EveryMemberFoundAtEverySize) {
+  ensureMainThread();
+  std::vector<Str> words;
+  for (int i = 0; i < 40; ++i) words.emplace_back(morvek::STR_FORMAT, "w%d", i * 3);
+  for (size_t n = 1; n <= words.size(); ++n) {
+    StaticStrHashSet set;
+    for (size_t k = 0; k < n; ++k) set.insert(words[k]);
+    for (size_t k = 0; k < words.size(); ++k) {
+      EXPECT_EQ(set.contains(words[k].c_str()), k < n) << n << " " << words[k];
+      Str miss(morvek::STR_FORMAT, "w%zu", k * 3 + 1);
+      EXPECT_FALSE(set.contains(miss.c_str())) << n << " " << miss;
+    }
+  }
 }
 
 TEST(StaticStrHashSetStartup, NoFillingOnceThreadsRan) {

@@ -222,8 +222,9 @@ TEST(StrNatural, Ordering) {
       {"B", "a", false, -1},          {"B", "a", true, 1},
       {"x2y", "x02z", false, -1},     {"1", "a", false, -1},
       {"00", "0", false, 0},          {"a00b", "a0c", false, -1},
-      {"v1.10", "v1.9", false, 1},    {"99", "100", false, -1},
-      {"abc", "ABC", true, 0},
+      {"v1.10", "v1.9", false, 1},    {"ab1", "ab-", false, -1},
+      {"x19", "x100", false, -1},     {"x0019", "x019", false, 0},
+      {"99", "100", false, -1},       {"abc", "ABC", true, 0},
   };
   for (const Case &c : cases) {
     EXPECT_EQ(sign(morvek::compareNaturally(c.a, c.b, c.caseless)), c.order)
