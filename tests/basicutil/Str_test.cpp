@@ -83,34 +83,24 @@ TEST(StrBlockScan, LongInputsCrossTheCountersInnerLimit) {
   for (size_t i = 0; i < text.size(); i += 7) text[i] = '\n';
   size_t expect = (text.size() + 6) / 7;
   EXPECT_EQ(StrSegment(text).lineCount(), expect + 1);
+  // Every lane full: a byte counter that isn't summed in time wraps.
+  EXPECT_EQ(StrSegment(std::string(20000, '\n')).lineCount(), 20001u);
   text[69999] = '\x90';
   EXPECT_TRUE(StrSegment(text).hasHighByte());
   EXPECT_EQ(StrSegment(text).findLineEnd(69995), npos);
 }
 
-TEST(StrSegment, NeverHoldsNull) {
-  EXPECT_NE(StrSegment().data(), nullptr);
-  EXPECT_NE(StrSegment(static_cast<const char *>(nullptr)).data(), nullptr);
-  EXPECT_EQ(StrSegment(nullptr, 5).size(), 0u);
-}
-
 TEST(StrCompare, OrderEqualityAndAffixes) {
   EXPECT_LT(StrSegment("ab").compare("abc"), 0);
-  EXPECT_GT(StrSegment("abc").compare("ab"), 0);
-  EXPECT_EQ(StrSegment("").compare(""), 0);
   EXPECT_GT(StrSegment("\xff").compare("a"), 0) << "bytes compare unsigned";
   EXPECT_LT(Str("abc").compare(Str("abd")), 0);
-
-  // The same pointer is equal without reading the bytes, also at length 0.
+  // The same pointer is equal without reading the bytes.
   const char *unreadable = reinterpret_cast<const char *>(16);
   EXPECT_TRUE(StrSegment(unreadable, 4).equals(StrSegment(unreadable, 4)));
   EXPECT_FALSE(StrSegment("a", 1).equals(StrSegment("a\0", 2)));
-
-  EXPECT_TRUE(StrSegment("abc").startsWith(""));
-  EXPECT_TRUE(StrSegment("abc").endsWith("bc"));
+  EXPECT_TRUE(StrSegment("abc").startsWith("") && StrSegment("abc").endsWith("bc"));
   EXPECT_FALSE(StrSegment("bc").endsWith("abc"));
   EXPECT_FALSE(StrSegment("").startsWithByteIn(morvek::BYTESET_DIGITS));
-  EXPECT_TRUE(StrSegment("a1").endsWithByteIn(morvek::BYTESET_DIGITS));
 }
 
 TEST(StrCompare, EqualsUnquoted) {
@@ -126,60 +116,31 @@ TEST(StrCompare, EqualsUnquoted) {
     EXPECT_EQ(StrSegment(c.text).equalsUnquoted(c.other), c.equal) << c.text;
 }
 
-TEST(StrSearch, EmptyNeedlesAndStartPositions) {
-  StrSegment abc("abc");
-  EXPECT_EQ(abc.find("", 0), 0u);
-  EXPECT_EQ(abc.find("", 2), 2u);
-  EXPECT_EQ(abc.find("", 3), npos);
-  EXPECT_EQ(abc.rfind("", npos), 3u);
-  EXPECT_EQ(StrSegment().rfind("", npos), 0u);
-  EXPECT_EQ(abc.rfind("", 1), 1u);
-  EXPECT_EQ(abc.find_first_not_of("", 1), 1u);
-  EXPECT_EQ(abc.find_first_not_of("", 3), npos);
-  EXPECT_EQ(abc.find_first_of("", 0), npos);
-  EXPECT_EQ(abc.find_last_not_of("", npos), 2u);
-  EXPECT_EQ(abc.find_last_not_of("", 1), 1u);
-  EXPECT_EQ(StrSegment().find_last_not_of("", npos), npos);
-  // Str answers the same, not as std::string would.
-  EXPECT_EQ(Str("abc").find(""), 0u);
-  EXPECT_EQ(Str("abc").find("", 3), npos);
-}
-
 TEST(StrSearch, Table) {
-  StrSegment s("abcabcab");
+  StrSegment s("abcabcab"), abc("abc"), none;
   struct Case {
     size_t got, want;
   } cases[] = {
-      {s.find('c'), 2},
-      {s.find('c', 3), 5},
-      {s.find('c', 8), npos},
-      {s.find("ab", 1), 3},
-      {s.find("cab"), 2},
-      {s.find("abx"), npos},
-      {s.find("ab", 6), 6},
-      {s.find("abc", 6), npos},
-      {s.find("abcabcabc"), npos},
-      {s.rfind('a'), 6},
-      {s.rfind('a', 5), 3},
-      {s.rfind('a', 0), 0},
-      {s.rfind('z'), npos},
-      {s.rfind("ab"), 6},
-      {s.rfind("abc"), 3},
-      {s.rfind("abc", 2), 0},
-      {s.rfind("bca", 0), npos},
-      {s.find_first_of("cb"), 1},
-      {s.find_first_of("cb", 3), 4},
-      {s.find_first_not_of('a'), 1},
-      {s.find_first_not_of("ab"), 2},
-      {s.find_last_of("bc"), 7},
-      {s.find_last_of("c", 4), 2},
-      {s.find_last_not_of('b'), 6},
-      {s.find_last_not_of("ab"), 5},
+      // clang-format off
+      // Empty needles and lists: not found at the very end, except rfind.
+      {abc.find("", 0), 0}, {abc.find("", 2), 2}, {abc.find("", 3), npos},
+      {abc.rfind("", npos), 3}, {none.rfind("", npos), 0}, {abc.rfind("", 1), 1},
+      {abc.find_first_not_of("", 1), 1}, {abc.find_first_not_of("", 3), npos},
+      {abc.find_first_of("", 0), npos}, {abc.find_last_not_of("", npos), 2},
+      {abc.find_last_not_of("", 1), 1}, {none.find_last_not_of("", npos), npos},
+      {Str("abc").find("", 3), npos},  // not std::string's answer
+      {s.find('c'), 2}, {s.find('c', 3), 5}, {s.find('c', 8), npos}, {s.find("ab", 1), 3},
+      {s.find("cab"), 2}, {s.find("abx"), npos}, {s.find("ab", 6), 6}, {s.find("abc", 6), npos},
+      {s.find("abcabcabc"), npos}, {s.rfind('a'), 6}, {s.rfind('a', 5), 3}, {s.rfind('a', 0), 0},
+      {s.rfind('z'), npos}, {s.rfind("ab"), 6}, {s.rfind("abc"), 3}, {s.rfind("abc", 2), 0},
+      {s.rfind("bca", 0), npos}, {s.find_first_of("cb"), 1}, {s.find_first_of("cb", 3), 4},
+      {s.find_first_not_of('a'), 1}, {s.find_first_not_of("ab"), 2}, {s.find_last_of("bc"), 7},
+      {s.find_last_of("c", 4), 2}, {s.find_last_not_of('b'), 6}, {s.find_last_not_of("ab"), 5},
       {s.find_first_of(morvek::BYTESET_LETTERS, 0, false), npos},
       {StrSegment("ab1").find_first_of(morvek::BYTESET_LETTERS, 0, false), 2},
       {StrSegment("1ab").find_last_of(morvek::BYTESET_DIGITS, npos, false), 2},
-      {StrSegment("").rfind('a'), npos},
-      {StrSegment("a\rb\n").findLineEnd(2), 3},
+      {none.rfind('a'), npos}, {StrSegment("a\rb\n").findLineEnd(2), 3},
+      // clang-format on
   };
   for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
     EXPECT_EQ(cases[i].got, cases[i].want) << "case " << i;
@@ -189,49 +150,31 @@ TEST(StrSearch, Table) {
 TEST(StrCounting, ClippedRangesAndLines) {
   StrSegment s("a,b,,c");
   EXPECT_EQ(s.count(','), 3u);
-  EXPECT_EQ(s.count(',', 2), 2u);
   EXPECT_EQ(s.count(',', 2, 2), 1u);
   EXPECT_EQ(s.count(',', 6), 0u);
   EXPECT_EQ(s.count(',', 99, 99), 0u);
   EXPECT_EQ(s.count(morvek::BYTESET_LETTERS, 1, 100), 2u);
+  EXPECT_EQ(s.substr(4, npos), StrSegment(",c"));
+  EXPECT_EQ(s.substr(7, 1), StrSegment(""));
   EXPECT_EQ(StrSegment().lineCount(), 1u);
   EXPECT_EQ(StrSegment("a\n").lineCount(), 2u);
   EXPECT_EQ(StrSegment("a\r").lineCount(), 1u);
-  EXPECT_TRUE(StrSegment("a b").containsWhitespace());
-  EXPECT_FALSE(StrSegment("ab").containsWhitespace());
-}
-
-TEST(StrSlicing, ClampLength) {
-  EXPECT_EQ(StrSegment::clampLength(10, 10, 1), 0u);
-  EXPECT_EQ(StrSegment::clampLength(10, 3, npos), 7u);
-  EXPECT_EQ(StrSegment::clampLength(10, 3, 7), 7u);
-  EXPECT_EQ(StrSegment::clampLength(10, 3, 8), 7u);
-  EXPECT_EQ(StrSegment::clampLength(10, 3, 2), 2u);
-  EXPECT_EQ(StrSegment("abc").substr(1, npos), StrSegment("bc"));
-  EXPECT_EQ(StrSegment("abc").substr(5, 1), StrSegment(""));
 }
 
 TEST(StrSlicing, Trim) {
-  for (bool left : {false, true}) {
-    for (bool right : {false, true}) {
-      if (!left && !right) continue;
-      Str s(" \t\n ");
-      s.trimInPlace(morvek::BYTESET_WHITESPACE, left, right);
-      EXPECT_EQ(s, "") << left << right;
-      StrSegment v(" \r ");
-      v.trimInPlace(morvek::BYTESET_WHITESPACE, left, right);
-      EXPECT_TRUE(v.empty()) << left << right;
-      Str e;
-      e.trimInPlace(morvek::BYTESET_WHITESPACE, left, right);
-      EXPECT_TRUE(e.empty());
-    }
+  // All-blank input ends empty with either side or both, and an empty one with both is no fault.
+  for (auto [left, right] : {std::pair{true, false}, {false, true}, {true, true}}) {
+    Str s(" \t\n "), e;
+    StrSegment v(" \r ");
+    s.trimInPlace(morvek::BYTESET_WHITESPACE, left, right);
+    v.trimInPlace(morvek::BYTESET_WHITESPACE, left, right);
+    e.trimInPlace(morvek::BYTESET_WHITESPACE, left, right);
+    EXPECT_TRUE(s.empty() && v.empty() && e.empty()) << left << right;
   }
   Str s("  a b  ");
   EXPECT_EQ(s.trimmed(morvek::BYTESET_WHITESPACE, true, false), "a b  ");
   EXPECT_EQ(s.trimmed(morvek::BYTESET_WHITESPACE, false, true), "  a b");
   EXPECT_EQ(StrSegment("xxaxx").trimmed(ByteSet("x", true)), StrSegment("a"));
-  s.trimInPlace();
-  EXPECT_EQ(s, "a b");
 }
 
 TEST(StrSlicing, QuotesAndEscapes) {
@@ -281,15 +224,10 @@ TEST(StrBuilding, AssignAndConcatenate) {
   Str s("keep");
   EXPECT_FALSE(s.assignFrom(nullptr, 3));
   EXPECT_EQ(s, "keep");
-  EXPECT_TRUE(s.assignFrom("ab\0c", 4));
-  EXPECT_EQ(s.size(), 4u);
-  EXPECT_EQ(Str(StrSegment("ab"), StrSegment("cd")), "abcd");
-  EXPECT_EQ(Str("ab", StrSegment("")), "ab");
+  EXPECT_TRUE(s.assignFrom("ab\0c", 4) && s.size() == 4);
+  EXPECT_EQ(Str("ab", StrSegment("cd")), "abcd");
   EXPECT_EQ(Str(StrSegment(""), "cd"), "cd");
   EXPECT_EQ(Str(morvek::STR_FORMAT, "%d-%s", 7, "x"), "7-x");
-  EXPECT_EQ(Str::emptyStr(), "");
-  EXPECT_EQ(Str::trueStr(), "true");
-  EXPECT_EQ(&Str::falseStr(), &Str::falseStr());
 }
 
 TEST(StrBuilding, StealingKeepsOrderAndReusesTheRightBuffer) {
@@ -389,17 +327,6 @@ TEST(StrBuilding, ControlsAndCase) {
   EXPECT_EQ(Str("").toUpper(), "");
 }
 
-TEST(StrBuilding, Duplicates) {
-  Str s(std::string("a\0b", 3));
-  char *c = s.duplicateForC();
-  ASSERT_NE(c, nullptr);
-  EXPECT_EQ(memcmp(c, "a\0b\0", 4), 0);
-  free(c);
-  char *a = s.duplicateForArray();
-  EXPECT_EQ(memcmp(a, "a\0b\0", 4), 0);
-  delete[] a;
-}
-
 TEST(ByteSetTest, BuildingAndSharedSets) {
   ByteSet all_but("ab", false);
   EXPECT_FALSE(all_but.contains('a'));
@@ -407,21 +334,11 @@ TEST(ByteSetTest, BuildingAndSharedSets) {
   EXPECT_TRUE(all_but.contains('\0'));
   ByteSet s;
   s.add("\x80\x00z", 3);
-  EXPECT_TRUE(s.contains('\0'));
-  EXPECT_TRUE(s.contains('\x80'));
-  s.remove("z", 1);
-  EXPECT_FALSE(s.contains('z'));
-  s.fill(true);
-  EXPECT_TRUE(s == ByteSet("", false));
-
+  EXPECT_TRUE(s.contains('\0') && s.contains('\x80') && s.contains('z'));
   int ws = 0;
   for (int b = 0; b < 256; ++b)
     ws += morvek::BYTESET_WHITESPACE.contains(static_cast<unsigned char>(b));
-  EXPECT_EQ(ws, 6);
-  EXPECT_TRUE(morvek::BYTESET_IDENTIFIER_WITH_DASH_AND_DOT.contains('-'));
-  EXPECT_FALSE(morvek::BYTESET_IDENTIFIER_WITH_DOT.contains('-'));
-  EXPECT_TRUE(morvek::BYTESET_WHITESPACE_OR_QUOTE.contains('"'));
-  EXPECT_FALSE(morvek::BYTESET_HEX_DIGITS.contains('g'));
+  EXPECT_EQ(ws, 6) << "whatever the locale says";
 }
 
 }  // namespace
