@@ -1,8 +1,17 @@
 #include "basicutil/Str.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+
+#include "basicutil/StrVector.h"
+#include "libzero/fatal-assert.h"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace morvek {
 
@@ -50,6 +59,854 @@ Str &Str::vappendf(const char *format, va_list ap) {
 Str &Str::removeAll(char c) {
   erase(std::remove(begin(), end(), c), end());
   return *this;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Block scans. Each runs 16 bytes at a time where SSE2 exists and must give exactly what its
+// byte loop gives, tail included.
+
+namespace {
+
+#if defined(__SSE2__)
+inline __m128i load16(const char *p) {
+  return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+}
+#endif
+
+// Index of the first byte with its high bit set, or len.
+size_t firstHighByte(const char *p, size_t len) {
+  size_t i = 0;
+#if defined(__SSE2__)
+  for (; i + 64 <= len; i += 64) {
+    __m128i any = _mm_or_si128(_mm_or_si128(load16(p + i), load16(p + i + 16)),
+                               _mm_or_si128(load16(p + i + 32), load16(p + i + 48)));
+    if (_mm_movemask_epi8(any) != 0) break;
+  }
+  for (; i + 16 <= len; i += 16) {
+    int mask = _mm_movemask_epi8(load16(p + i));
+    if (mask != 0) return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+  }
+#endif
+  for (; i < len; ++i) {
+    if (static_cast<unsigned char>(p[i]) & 0x80) return i;
+  }
+  return len;
+}
+
+// Index of the first CR or LF, or len.
+size_t firstLineEnd(const char *p, size_t len) {
+  size_t i = 0;
+#if defined(__SSE2__)
+  const __m128i cr = _mm_set1_epi8('\r');
+  const __m128i lf = _mm_set1_epi8('\n');
+  auto hits = [&](__m128i x) { return _mm_or_si128(_mm_cmpeq_epi8(x, cr), _mm_cmpeq_epi8(x, lf)); };
+  for (; i + 64 <= len; i += 64) {
+    __m128i any = _mm_or_si128(_mm_or_si128(hits(load16(p + i)), hits(load16(p + i + 16))),
+                               _mm_or_si128(hits(load16(p + i + 32)), hits(load16(p + i + 48))));
+    if (_mm_movemask_epi8(any) != 0) break;
+  }
+  for (; i + 16 <= len; i += 16) {
+    int mask = _mm_movemask_epi8(hits(load16(p + i)));
+    if (mask != 0) return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+  }
+#endif
+  for (; i < len; ++i) {
+    if (p[i] == '\r' || p[i] == '\n') return i;
+  }
+  return len;
+}
+
+size_t countByte(const char *p, size_t len, char ch) {
+  size_t total = 0;
+  size_t i = 0;
+#if defined(__SSE2__)
+  const __m128i needle = _mm_set1_epi8(ch);
+  const __m128i zero = _mm_setzero_si128();
+  auto hit = [&](size_t at) { return _mm_cmpeq_epi8(load16(p + at), needle); };
+  auto sumLanes = [&](__m128i acc) {
+    __m128i sums = _mm_sad_epu8(acc, zero);
+    return static_cast<size_t>(_mm_cvtsi128_si32(sums)) +
+           static_cast<size_t>(_mm_cvtsi128_si32(_mm_unpackhi_epi64(sums, sums)));
+  };
+  // Four blocks add at most 4 to a byte lane, so lanes are summed every 63 rounds.
+  while (i + 64 <= len) {
+    size_t rounds = std::min<size_t>((len - i) / 64, 63);
+    __m128i acc = zero;
+    for (size_t r = 0; r < rounds; ++r, i += 64) {
+      __m128i four =
+          _mm_add_epi8(_mm_add_epi8(hit(i), hit(i + 16)), _mm_add_epi8(hit(i + 32), hit(i + 48)));
+      acc = _mm_sub_epi8(acc, four);
+    }
+    total += sumLanes(acc);
+  }
+  __m128i acc = zero;
+  for (; i + 16 <= len; i += 16) acc = _mm_sub_epi8(acc, hit(i));
+  total += sumLanes(acc);
+#endif
+  for (; i < len; ++i) total += p[i] == ch;
+  return total;
+}
+
+// Flips the case of ASCII letters in [lo, hi] up to the first high byte, whose index (or len)
+// it returns.
+size_t asciiCaseFlip(char *p, size_t len, char lo, char hi) {
+  size_t i = 0;
+#if defined(__SSE2__)
+  const __m128i below = _mm_set1_epi8(static_cast<char>(lo - 1));
+  const __m128i above = _mm_set1_epi8(static_cast<char>(hi + 1));
+  const __m128i flip = _mm_set1_epi8(0x20);
+  for (; i + 16 <= len; i += 16) {
+    __m128i x = load16(p + i);
+    if (_mm_movemask_epi8(x) != 0) break;
+    __m128i in_range = _mm_and_si128(_mm_cmpgt_epi8(x, below), _mm_cmplt_epi8(x, above));
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(p + i),
+                     _mm_xor_si128(x, _mm_and_si128(in_range, flip)));
+  }
+#endif
+  for (; i < len; ++i) {
+    char c = p[i];
+    if (static_cast<unsigned char>(c) & 0x80) return i;
+    if (c >= lo && c <= hi) p[i] = static_cast<char>(c ^ 0x20);
+  }
+  return len;
+}
+
+// Stand-in for the code-point case converter: maps ASCII letters, keeps every other byte.
+// The Unicode tables replace this one function.
+void convertCaseNonAscii(Str &s, bool upper) {
+  Str out;
+  out.reserve(s.size());
+  char lo = upper ? 'a' : 'A';
+  char hi = upper ? 'z' : 'Z';
+  for (char c : static_cast<const std::string &>(s)) {
+    out.push_back(c >= lo && c <= hi ? static_cast<char>(c ^ 0x20) : c);
+  }
+  s.swap(out);
+}
+
+// Stand-in for the caseless comparison of the Unicode layer: folds ASCII only. Swapped for
+// mem_compare_caseless when that lands.
+int compareCaselessStandIn(const char *a, size_t alen, const char *b, size_t blen) {
+  size_t n = std::min(alen, blen);
+  for (size_t i = 0; i < n; ++i) {
+    int ca = static_cast<unsigned char>(a[i]);
+    int cb = static_cast<unsigned char>(b[i]);
+    if (ca >= 'A' && ca <= 'Z') ca += 32;
+    if (cb >= 'A' && cb <= 'Z') cb += 32;
+    if (ca != cb) return ca - cb;
+  }
+  return alen < blen ? -1 : (alen > blen ? 1 : 0);
+}
+
+inline bool isAsciiDigit(char c) { return c >= '0' && c <= '9'; }
+
+ByteSet byteSetOf(const StrSegment &chars) {
+  ByteSet set;
+  set.add(chars._data, chars._len);
+  return set;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// StrSegment
+
+StrSegmentTokenAcceptor::~StrSegmentTokenAcceptor() = default;
+
+int StrSegment::compare(const StrSegment &other) const {
+  int r = memcmp(_data, other._data, std::min(_len, other._len));
+  if (r != 0) return r;
+  return _len < other._len ? -1 : (_len > other._len ? 1 : 0);
+}
+
+bool StrSegment::equalsUnquoted(const char *cstr) const {
+  StrSegment s = *this;
+  auto enclosedIn = [&s](char q) {
+    return s._len >= 2 && s._data[0] == q && s._data[s._len - 1] == q;
+  };
+  if (enclosedIn('"')) {
+    s.stripQuotes('"');
+    s.stripQuotes('\'');
+  } else {
+    s.stripQuotes('\'');
+  }
+  return s.equals(StrSegment(cstr));
+}
+
+StrSegment::size_type StrSegment::find(char ch, size_type pos) const {
+  if (pos >= _len) return npos;
+  const void *hit = memchr(_data + pos, ch, _len - pos);
+  return hit ? static_cast<size_type>(static_cast<const char *>(hit) - _data) : npos;
+}
+
+StrSegment::size_type StrSegment::find(const StrSegment &needle, size_type pos) const {
+  // An empty needle is found anywhere but at the very end.
+  if (needle._len == 0) return pos < _len ? pos : npos;
+  if (pos >= _len || _len - pos < needle._len) return npos;
+  const char *p = _data + pos;
+  const char *last = _data + _len - needle._len;
+  const char first = needle._data[0];
+  while (p <= last) {
+    p = static_cast<const char *>(memchr(p, first, static_cast<size_t>(last - p) + 1));
+    if (p == nullptr) return npos;
+    if (memcmp(p + 1, needle._data + 1, needle._len - 1) == 0) {
+      return static_cast<size_type>(p - _data);
+    }
+    ++p;
+  }
+  return npos;
+}
+
+StrSegment::size_type StrSegment::find_first_of(const StrSegment &chars, size_type pos) const {
+  if (chars._len == 0 || pos >= _len) return npos;
+  if (chars._len == 1) return find(chars._data[0], pos);
+  return find_first_of(byteSetOf(chars), pos, true);
+}
+
+StrSegment::size_type StrSegment::find_first_of(const ByteSet &set, size_type pos,
+                                                bool want) const {
+  for (size_type i = pos; i < _len; ++i) {
+    if (set.contains(_data[i]) == want) return i;
+  }
+  return npos;
+}
+
+StrSegment::size_type StrSegment::find_first_not_of(char ch, size_type pos) const {
+  for (size_type i = pos; i < _len; ++i) {
+    if (_data[i] != ch) return i;
+  }
+  return npos;
+}
+
+StrSegment::size_type StrSegment::find_first_not_of(const StrSegment &chars, size_type pos) const {
+  if (pos >= _len) return npos;
+  if (chars._len == 0) return pos;
+  return find_first_of(byteSetOf(chars), pos, false);
+}
+
+StrSegment::size_type StrSegment::rfind(char ch, size_type pos) const {
+  if (_len == 0) return npos;
+  size_type start = std::min(pos, _len - 1);
+  const void *hit = memrchr(_data, ch, start + 1);
+  return hit ? static_cast<size_type>(static_cast<const char *>(hit) - _data) : npos;
+}
+
+StrSegment::size_type StrSegment::rfind(const StrSegment &needle, size_type pos) const {
+  if (needle._len > _len) return npos;
+  size_type start = std::min(_len - needle._len, pos);
+  if (needle._len == 0) return start;
+  for (size_type i = start + 1; i-- > 0;) {
+    if (_data[i] == needle._data[0] && memcmp(_data + i, needle._data, needle._len) == 0) {
+      return i;
+    }
+  }
+  return npos;
+}
+
+StrSegment::size_type StrSegment::find_last_of(const StrSegment &chars, size_type pos) const {
+  if (chars._len == 0 || _len == 0) return npos;
+  if (chars._len == 1) return rfind(chars._data[0], pos);
+  return find_last_of(byteSetOf(chars), pos, true);
+}
+
+StrSegment::size_type StrSegment::find_last_of(const ByteSet &set, size_type pos, bool want) const {
+  if (_len == 0) return npos;
+  for (size_type i = std::min(pos, _len - 1) + 1; i-- > 0;) {
+    if (set.contains(_data[i]) == want) return i;
+  }
+  return npos;
+}
+
+StrSegment::size_type StrSegment::find_last_not_of(char ch, size_type pos) const {
+  if (_len == 0) return npos;
+  for (size_type i = std::min(pos, _len - 1) + 1; i-- > 0;) {
+    if (_data[i] != ch) return i;
+  }
+  return npos;
+}
+
+StrSegment::size_type StrSegment::find_last_not_of(const StrSegment &chars, size_type pos) const {
+  if (_len == 0) return npos;
+  if (chars._len == 0) return std::min(pos, _len - 1);
+  return find_last_of(byteSetOf(chars), pos, false);
+}
+
+StrSegment::size_type StrSegment::findLineEnd(size_type pos) const {
+  if (pos >= _len) return npos;
+  size_type rest = _len - pos;
+  size_type hit = firstLineEnd(_data + pos, rest);
+  return hit == rest ? npos : pos + hit;
+}
+
+StrSegment::size_type StrSegment::count(char ch, size_type pos, size_type n) const {
+  size_type len = clampLength(_len, pos, n);
+  return len == 0 ? 0 : countByte(_data + pos, len, ch);
+}
+
+StrSegment::size_type StrSegment::count(const ByteSet &set, size_type pos, size_type n) const {
+  size_type len = clampLength(_len, pos, n);
+  size_type total = 0;
+  for (size_type i = 0; i < len; ++i) total += set.contains(_data[pos + i]);
+  return total;
+}
+
+StrSegment::size_type StrSegment::lineCount() const { return 1 + countByte(_data, _len, '\n'); }
+
+bool StrSegment::containsWhitespace() const {
+  for (size_type i = 0; i < _len; ++i) {
+    if (isspace(static_cast<unsigned char>(_data[i]))) return true;
+  }
+  return false;
+}
+
+bool StrSegment::hasHighByte() const { return firstHighByte(_data, _len) != _len; }
+
+void StrSegment::pop_back() {
+  MV_ASSERT(!empty());
+  --_len;
+}
+
+void StrSegment::trimInPlace(const ByteSet &set, bool trimLeft, bool trimRight) {
+  if (trimLeft) {
+    size_type i = 0;
+    while (i < _len && set.contains(_data[i])) ++i;
+    _data += i;
+    _len -= i;
+    if (_len == 0) return;
+  }
+  if (trimRight) {
+    if (_len == 0) {
+      MV_ASSERT(!trimLeft);
+      return;
+    }
+    while (_len > 0 && set.contains(_data[_len - 1])) --_len;
+  }
+}
+
+StrSegment StrSegment::trimmed(const ByteSet &set, bool trimLeft, bool trimRight) const {
+  StrSegment s = *this;
+  s.trimInPlace(set, trimLeft, trimRight);
+  return s;
+}
+
+void StrSegment::stripQuotes(char ch) {
+  if (_len >= 2 && _data[0] == ch && _data[_len - 1] == ch) {
+    ++_data;
+    _len -= 2;
+  }
+}
+
+StrSegment::size_type StrSegment::copyOut(char *dst, size_type n, size_type pos) const {
+  if (pos >= _len) return 0;
+  size_type rest = _len - pos;
+  memcpy(dst, _data + pos, rest);
+  return std::max(rest, n);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Tokenizers. The cores are templates so that the stack acceptors of the vector forms, being
+// final, are called directly.
+
+namespace {
+
+class acceptor_PopulateStrSegmentVector final : public StrSegmentTokenAcceptor {
+ public:
+  explicit acceptor_PopulateStrSegmentVector(std::vector<StrSegment> &v) : _v(v) {}
+  void acceptToken(const StrSegment &token) override { _v.push_back(token); }
+
+ private:
+  std::vector<StrSegment> &_v;
+};
+
+class acceptor_PopulateStrVector final : public StrSegmentTokenAcceptor {
+ public:
+  explicit acceptor_PopulateStrVector(StrVector &v) : _v(v) {}
+  void acceptToken(const StrSegment &token) override { _v.emplace_back(token._data, token._len); }
+
+ private:
+  StrVector &_v;
+};
+
+inline void countDown(uint32_t &limit) {
+  if (limit != StrSegment::SPLIT_NO_LIMIT) --limit;
+}
+
+inline StrSegment piece(const char *base, size_t from, size_t to) {
+  return StrSegment(base + from, to - from);
+}
+
+struct ByteSep {
+  char ch;
+  size_t next(const StrSegment &in, size_t pos) const {
+    const void *hit = memchr(in._data + pos, ch, in._len - pos);
+    return hit ? static_cast<size_t>(static_cast<const char *>(hit) - in._data) : in._len;
+  }
+  bool at(const StrSegment &in, size_t pos) const { return in._data[pos] == ch; }
+  size_t width() const { return 1; }
+};
+
+struct SetSep {
+  const ByteSet &set;
+  size_t next(const StrSegment &in, size_t pos) const {
+    while (pos < in._len && !set.contains(in._data[pos])) ++pos;
+    return pos;
+  }
+  bool at(const StrSegment &in, size_t pos) const { return set.contains(in._data[pos]); }
+  size_t width() const { return 1; }
+};
+
+// A separator of two bytes or more; a match must fit wholly within the input.
+struct StringSep {
+  const StrSegment &sep;
+  size_t next(const StrSegment &in, size_t pos) const {
+    size_t hit = in.find(sep, pos);
+    return hit == StrSegment::npos ? in._len : hit;
+  }
+  bool at(const StrSegment &in, size_t pos) const {
+    return in._len - pos >= sep._len && memcmp(in._data + pos, sep._data, sep._len) == 0;
+  }
+  size_t width() const { return sep._len; }
+};
+
+template <class Sep, class Acceptor>
+void splitCore(const StrSegment &in, const Sep &sep, uint32_t limit, Acceptor &out) {
+  if (in._len == 0) return;
+  size_t pos = 0;
+  for (; limit != 0; countDown(limit)) {
+    size_t hit = sep.next(in, pos);
+    if (hit == in._len) break;
+    out.acceptToken(piece(in._data, pos, hit));
+    pos = hit + sep.width();
+  }
+  out.acceptToken(piece(in._data, pos, in._len));
+}
+
+template <class Sep, class Acceptor>
+void splitSkippingCore(const StrSegment &in, const Sep &sep, uint32_t limit, Acceptor &out) {
+  size_t pos = 0;
+  for (;;) {
+    while (pos < in._len && sep.at(in, pos)) pos += sep.width();
+    if (pos >= in._len) return;
+    if (limit == 0) {
+      out.acceptToken(piece(in._data, pos, in._len));
+      return;
+    }
+    size_t hit = sep.next(in, pos);
+    out.acceptToken(piece(in._data, pos, hit));
+    countDown(limit);
+    if (hit == in._len || hit + sep.width() == in._len) return;
+    pos = hit + sep.width();
+  }
+}
+
+// The empty separator: single bytes from the front, then the rest as one token.
+template <class Acceptor>
+void cutBytes(const StrSegment &in, uint32_t limit, Acceptor &out) {
+  size_t i = 0;
+  for (; i < in._len && limit != 0; ++i, countDown(limit))
+    out.acceptToken(piece(in._data, i, i + 1));
+  if (i < in._len) out.acceptToken(piece(in._data, i, in._len));
+}
+
+template <class Acceptor>
+void splitByString(const StrSegment &in, const StrSegment &sep, uint32_t limit, Acceptor &out) {
+  if (sep._len == 1) return splitCore(in, ByteSep{sep._data[0]}, limit, out);
+  if (in._len == 0) return;
+  if (sep._len == 0) return cutBytes(in, limit, out);
+  splitCore(in, StringSep{sep}, limit, out);
+}
+
+template <class Acceptor>
+void splitSkippingByString(const StrSegment &in, const StrSegment &sep, uint32_t limit,
+                           Acceptor &out) {
+  if (sep._len == 1) return splitSkippingCore(in, ByteSep{sep._data[0]}, limit, out);
+  if (in._len == 0) return;
+  if (sep._len == 0) return cutBytes(in, limit, out);
+  splitSkippingCore(in, StringSep{sep}, limit, out);
+}
+
+template <class Acceptor>
+void splitLinesCore(const StrSegment &in, Acceptor &out) {
+  size_t pos = 0;
+  while (pos < in._len) {
+    const void *hit = memchr(in._data + pos, '\n', in._len - pos);
+    if (hit == nullptr) break;
+    size_t lf = static_cast<size_t>(static_cast<const char *>(hit) - in._data);
+    size_t end = lf;
+    if (end > pos && in._data[end - 1] == '\r') --end;
+    out.acceptToken(piece(in._data, pos, end));
+    pos = lf + 1;
+  }
+  // A last line that no LF ended keeps its CR.
+  if (pos < in._len) out.acceptToken(piece(in._data, pos, in._len));
+}
+
+}  // namespace
+
+#define MORVEK_SPLIT_FORMS(method, SepType, core, makeSep)                                   \
+  void StrSegment::method(StrSegmentTokenAcceptor &out, SepType sep, uint32_t limit) const { \
+    core(*this, makeSep, limit, out);                                                        \
+  }                                                                                          \
+  void StrSegment::method(std::vector<StrSegment> &out, SepType sep, uint32_t limit) const { \
+    acceptor_PopulateStrSegmentVector acceptor(out);                                         \
+    core(*this, makeSep, limit, acceptor);                                                   \
+  }                                                                                          \
+  void StrSegment::method(StrVector &out, SepType sep, uint32_t limit) const {               \
+    acceptor_PopulateStrVector acceptor(out);                                                \
+    core(*this, makeSep, limit, acceptor);                                                   \
+  }
+
+MORVEK_SPLIT_FORMS(split, char, splitCore, ByteSep{sep})
+MORVEK_SPLIT_FORMS(split, const ByteSet &, splitCore, SetSep{sep})
+MORVEK_SPLIT_FORMS(split, const StrSegment &, splitByString, sep)
+MORVEK_SPLIT_FORMS(splitSkippingEmpty, char, splitSkippingCore, ByteSep{sep})
+MORVEK_SPLIT_FORMS(splitSkippingEmpty, const ByteSet &, splitSkippingCore, SetSep{sep})
+MORVEK_SPLIT_FORMS(splitSkippingEmpty, const StrSegment &, splitSkippingByString, sep)
+#undef MORVEK_SPLIT_FORMS
+
+void StrSegment::splitLines(StrSegmentTokenAcceptor &out) const { splitLinesCore(*this, out); }
+
+void StrSegment::splitLines(std::vector<StrSegment> &out) const {
+  if (_len == 0) return;
+  out.reserve(out.size() + lineCount());
+  acceptor_PopulateStrSegmentVector acceptor(out);
+  splitLinesCore(*this, acceptor);
+}
+
+void StrSegment::splitLines(StrVector &out) const {
+  if (_len == 0) return;
+  out.reserve(out.size() + lineCount());
+  acceptor_PopulateStrVector acceptor(out);
+  splitLinesCore(*this, acceptor);
+}
+
+bool accumulateLine(StrSegment &input, Str &line) {
+  const char *p = static_cast<const char *>(memchr(input._data, '\n', input._len));
+  if (p == nullptr) {
+    line.append(input._data, input._len);
+    input = StrSegment(input._data + input._len, 0);
+    return false;
+  }
+  MV_ASSERT(*p == '\n');
+  size_t before = static_cast<size_t>(p - input._data);
+  if (before == 0) {
+    // The CR came in with the previous buffer.
+    if (!line.empty() && line.back() == '\r') line.std::string::pop_back();
+  } else {
+    line.append(input._data, input._data[before - 1] == '\r' ? before - 1 : before);
+  }
+  input = StrSegment(p + 1, input._len - before - 1);
+  return true;
+}
+
+size_t getNextChunk(StrSegment &input, StrSegment &chunk) {
+  const char *p = input._data;
+  const char *pend = p + input._len;
+  MV_ASSERT(p < pend);
+  const char *start = p;
+  const bool digits = isAsciiDigit(*p);
+  while (p < pend && isAsciiDigit(*p) == digits) ++p;
+  chunk = StrSegment(start, static_cast<size_t>(p - start));
+  input = StrSegment(p, static_cast<size_t>(pend - p));
+  p = input._data + input._len;
+  MV_ASSERT(p == pend);
+  if (!digits) return StrSegment::npos;
+  size_t zeros = 0;
+  while (zeros < chunk._len && chunk._data[zeros] == '0') ++zeros;
+  return zeros;
+}
+
+int compareNaturally(StrSegment a, StrSegment b, bool caseless) {
+  // Equal leading bytes decide nothing, but a chunk may straddle the first difference: go back
+  // to the start of the run that holds the last equal byte, which is a chunk start in both.
+  size_t same = 0;
+  size_t shorter = std::min(a._len, b._len);
+  while (same < shorter && a._data[same] == b._data[same]) ++same;
+  if (same > 0) {
+    const bool digits = isAsciiDigit(a._data[same - 1]);
+    size_t start = same - 1;
+    while (start > 0 && isAsciiDigit(a._data[start - 1]) == digits) --start;
+    a = StrSegment(a._data + start, a._len - start);
+    b = StrSegment(b._data + start, b._len - start);
+  }
+  for (;;) {
+    if (a.empty()) return b.empty() ? 0 : -1;
+    if (b.empty()) return 1;
+    StrSegment ca, cb;
+    size_t za = getNextChunk(a, ca);
+    size_t zb = getNextChunk(b, cb);
+    if (za == StrSegment::npos || zb == StrSegment::npos) {
+      int r =
+          caseless ? compareCaselessStandIn(ca._data, ca._len, cb._data, cb._len) : ca.compare(cb);
+      if (r != 0) return r;
+    } else {
+      size_t sa = ca._len - za;
+      size_t sb = cb._len - zb;
+      if (sa != sb) return sa < sb ? -1 : 1;
+      int r = memcmp(ca._data + za, cb._data + zb, sa);
+      if (r != 0) return r;
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Str
+
+namespace {
+// Built at start-up rather than on first use, so that no thread races their construction.
+[[maybe_unused]] const bool shared_constants_built =
+    (Str::emptyStr(), Str::trueStr(), Str::falseStr(), true);
+}  // namespace
+
+const Str &Str::emptyStr() {
+  static const Str s;
+  return s;
+}
+
+const Str &Str::trueStr() {
+  static const Str s("true");
+  return s;
+}
+
+const Str &Str::falseStr() {
+  static const Str s("false");
+  return s;
+}
+
+Str::Str(StrSegment a, StrSegment b) {
+  reserve(a._len + b._len);
+  assign(a._data, a._len);
+  append(b._data, b._len);
+}
+
+Str::Str(StrFormatTag, const char *format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  vprintf(format, ap);
+  va_end(ap);
+}
+
+void Str::pop_back() {
+  MV_ASSERT(!empty());
+  std::string::pop_back();
+}
+
+void Str::trimInPlace(const ByteSet &set, bool trimLeft, bool trimRight) {
+  if (trimLeft) {
+    size_t i = 0;
+    while (i < size() && set.contains((*this)[i])) ++i;
+    erase(0, i);
+    if (empty()) return;
+  }
+  if (trimRight) {
+    if (empty()) {
+      MV_ASSERT(!trimLeft);
+      return;
+    }
+    size_t end = size();
+    while (end > 0 && set.contains((*this)[end - 1])) --end;
+    erase(end);
+  }
+}
+
+Str Str::trimmed(const ByteSet &set, bool trimLeft, bool trimRight) const {
+  return Str(segment().trimmed(set, trimLeft, trimRight));
+}
+
+void Str::stripQuotes(char ch) {
+  if (size() >= 2 && front() == ch && back() == ch) {
+    erase(size() - 1);
+    erase(0, 1);
+  }
+}
+
+void Str::unquoteEscapes() {
+  if (empty() || front() != '"') return;
+  // Without a closing quote the opening one stays, and escapes are still resolved.
+  if (size() >= 2 && back() == '"') {
+    erase(size() - 1);
+    erase(0, 1);
+  }
+  char *p = data();
+  size_t n = size();
+  size_t w = 0;
+  for (size_t r = 0; r < n;) {
+    if (p[r] == '\\' && r + 1 < n && (p[r + 1] == '\\' || p[r + 1] == '"')) {
+      p[w++] = p[r + 1];
+      r += 2;
+    } else {
+      p[w++] = p[r++];
+    }
+  }
+  resize(w);
+}
+
+bool Str::assignFrom(const char *data, size_t len) {
+  if (data == nullptr) return false;
+  assign(data, len);
+  return true;
+}
+
+namespace {
+// Which side of a stealing concatenation keeps its buffer: the one that alone has room, else the
+// longer, with a tie going to the dying operand.
+bool leftReceives(const Str &left, const Str &right) {
+  size_t need = left.size() + right.size();
+  bool leftFits = left.capacity() >= need;
+  bool rightFits = right.capacity() >= need;
+  if (leftFits != rightFits) return leftFits;
+  return left.size() > right.size();
+}
+}  // namespace
+
+Str &Str::appendStealing(Str &&other) {
+  if (empty() && other.capacity() >= capacity()) {
+    swap(other);
+    return *this;
+  }
+  if (leftReceives(*this, other)) {
+    append(other);
+  } else {
+    other.insert(0, *this);
+    swap(other);
+  }
+  return *this;
+}
+
+Str &Str::prependStealing(Str &&other) {
+  if (empty() && other.capacity() >= capacity()) {
+    swap(other);
+    return *this;
+  }
+  if (leftReceives(*this, other)) {
+    insert(0, other);
+  } else {
+    other.append(*this);
+    swap(other);
+  }
+  return *this;
+}
+
+size_t Str::replaceAll(StrSegment from, StrSegment to) {
+  if (from._len == 0) return 0;
+  std::vector<size_t> hits;
+  StrSegment self = segment();
+  for (size_t pos = self.find(from, 0); pos != npos; pos = self.find(from, pos + from._len)) {
+    hits.push_back(pos);
+  }
+  if (hits.empty()) return 0;
+  Str out;
+  out.reserve(size() + (to._len - from._len) * hits.size());
+  size_t prev = 0;
+  for (size_t hit : hits) {
+    out.append(data() + prev, hit - prev);
+    out.append(to._data, to._len);
+    prev = hit + from._len;
+  }
+  out.append(data() + prev, size() - prev);
+  swap(out);
+  return hits.size();
+}
+
+size_t Str::replaceAll(char chFrom, char chTo) {
+  size_t n = 0;
+  for (char &c : static_cast<std::string &>(*this)) {
+    if (c == chFrom) {
+      c = chTo;
+      ++n;
+    }
+  }
+  return n;
+}
+
+size_t Str::replaceAll(const ByteSet &set, char chTo) {
+  size_t n = 0;
+  for (char &c : static_cast<std::string &>(*this)) {
+    if (set.contains(c)) {
+      c = chTo;
+      ++n;
+    }
+  }
+  return n;
+}
+
+Str Str::insertBefore(const ByteSet &set, char ch) const {
+  Str out;
+  out.reserve(size() + segment().count(set));
+  for (char c : static_cast<const std::string &>(*this)) {
+    if (set.contains(c)) out.push_back(ch);
+    out.push_back(c);
+  }
+  return out;
+}
+
+void Str::insertAt(const ByteSet &set, char ch, size_t pos) {
+  if (pos >= size()) return;
+  std::vector<size_t> hits;
+  for (size_t i = pos; i < size(); ++i) {
+    if (set.contains((*this)[i])) hits.push_back(i);
+  }
+  if (hits.empty()) return;
+  size_t end = size();
+  resize(end + hits.size());
+  char *p = data();
+  // From the back, each stretch moves up once by the number of insertions still before it.
+  for (size_t k = hits.size(); k-- > 0;) {
+    size_t at = hits[k];
+    memmove(p + at + k + 1, p + at, end - at);
+    p[at + k] = ch;
+    end = at;
+  }
+}
+
+Str &Str::appendWithoutControls(const char *data, size_t len) {
+  if (data == nullptr) return *this;
+  size_t run = 0;
+  for (size_t i = 0; i < len; ++i) {
+    if (static_cast<unsigned char>(data[i]) < 0x20) {
+      if (i > run) append(data + run, i - run);
+      run = i + 1;
+    }
+  }
+  if (len > run) append(data + run, len - run);
+  return *this;
+}
+
+void Str::toUpperInPlace() {
+  if (empty()) return;
+  if (asciiCaseFlip(data(), size(), 'a', 'z') != size()) convertCaseNonAscii(*this, true);
+}
+
+void Str::toLowerInPlace() {
+  if (empty()) return;
+  if (asciiCaseFlip(data(), size(), 'A', 'Z') != size()) convertCaseNonAscii(*this, false);
+}
+
+Str Str::toUpper() const {
+  Str s(*this);
+  s.toUpperInPlace();
+  return s;
+}
+
+Str Str::toLower() const {
+  Str s(*this);
+  s.toLowerInPlace();
+  return s;
+}
+
+char *Str::duplicateForC() const {
+  char *p = static_cast<char *>(malloc(size() + 1));
+  if (p == nullptr) return nullptr;
+  memcpy(p, data(), size());
+  p[size()] = '\0';
+  return p;
+}
+
+char *Str::duplicateForArray() const {
+  char *p = new char[size() + 1];
+  memcpy(p, data(), size());
+  p[size()] = '\0';
+  return p;
 }
 
 }  // namespace morvek

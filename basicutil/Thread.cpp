@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "basicutil/Logger.h"
+#include "basicutil/StaticStrHashSet.h"
 #include "libzero/fatal-assert.h"
 
 namespace morvek {
@@ -738,6 +739,7 @@ MainThread::MainThread() : Thread(MainThreadTag{}) {
   (void)clock();
   // Static string sets queued during static initialisation are finalised here, while the
   // process still has one thread.
+  StaticStrHashSet::finalizeAll();
   checkPthreadWorking(pthread_attr_init(&_default_thread_attr), "pthread_attr_init");
   if (pthread_attr_setstacksize(&_default_thread_attr, DEFAULT_STACK_SIZE) != 0) {
     thread_logger.warn("cannot override thread stack size: pthread_attr_setstacksize(): %m");

@@ -1,0 +1,118 @@
+// The generator's arithmetic against values computed independently, and its per-thread use.
+#include "basicutil/SimpleRandomNumber.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <set>
+#include <thread>
+
+#include "basicutil/Thread.h"
+
+using morvek::SimpleRandomNumber;
+
+namespace {
+
+TEST(SimpleRandom, KnownAnswers) {
+  SimpleRandomNumber g(1, 2);
+  EXPECT_EQ(g.next(), 0x800045u);
+  EXPECT_EQ(g.next(), 0x2000104u);
+  EXPECT_EQ(g.next(), 0x4000020010c3u);
+  EXPECT_EQ(g.state0(), 0x18000c1u);
+  EXPECT_EQ(g.state1(), 0x400000801002u);
+
+  // SplitMix64's first output for seed 0 is the finalizer of the golden-ratio increment.
+  EXPECT_EQ(SimpleRandomNumber::mix(0x9E3779B97F4A7C15ull), 0xE220A8397B1DCDAFull);
+  struct Seed {
+    uint64_t v, s0, s1;
+  } seeds[] = {
+      {1, 0x5692161d100b05e5ull, 0xccde22c1faa4d20full},
+      {0x123456789abcdef0ull, 0x9629f58e8ec5b906ull, 0x49b468410ca480e8ull},
+  };
+  for (const Seed &s : seeds) {
+    SimpleRandomNumber r;
+    r.seedFromValue(s.v);
+    EXPECT_EQ(r.state0(), s.s0);
+    EXPECT_EQ(r.state1(), s.s1);
+  }
+  SimpleRandomNumber r;
+  r.seedFromValue(42);
+  EXPECT_EQ(r.next(), 0x47340967828e5620u);
+  EXPECT_EQ(r.next(), 0x2fae0e4c54046284u);
+}
+
+TEST(SimpleRandom, DoublesStayBelowOne) {
+  // This state makes the next output all ones, the largest mantissa there is.
+  SimpleRandomNumber top(0x7e07ff03fffe000ull, 0);
+  double d = top.nextDouble();
+  EXPECT_LT(d, 1.0);
+  EXPECT_EQ(d, 1.0 - std::ldexp(1.0, -52));
+  SimpleRandomNumber g;
+  g.seedFromValue(3);
+  for (int i = 0; i < 100000; ++i) {
+    double x = g.nextDouble();
+    ASSERT_GE(x, 0.0);
+    ASSERT_LT(x, 1.0);
+  }
+}
+
+TEST(SimpleRandom, FillTakesOneOutputPerEightBytesLowByteFirst) {
+  SimpleRandomNumber a(1, 2), b(1, 2);
+  unsigned char buf[11];
+  a.fill(buf, sizeof buf);
+  uint64_t first = b.next(), second = b.next();
+  unsigned char expect[16];
+  memcpy(expect, &first, 8);  // little-endian host
+  memcpy(expect + 8, &second, 8);
+  EXPECT_EQ(memcmp(buf, expect, sizeof buf), 0);
+  EXPECT_EQ(a.next(), b.next()) << "11 bytes drew exactly two outputs";
+  a.fill(buf, 0);
+  EXPECT_EQ(a.next(), b.next()) << "0 bytes draw nothing";
+}
+
+TEST(SimpleRandom, PerThreadGenerators) {
+  SimpleRandomNumber &mine = SimpleRandomNumber::perThread();
+  EXPECT_EQ(&mine, &SimpleRandomNumber::perThread());
+  EXPECT_TRUE(mine.isSeeded());
+  EXPECT_EQ(static_cast<void *>(&mine),
+            static_cast<void *>(morvek::Thread::perThreadScratch()->_random_state));
+
+  SimpleRandomNumber *worker_gen = nullptr;
+  morvek::ThreadFunction worker([&] { worker_gen = &SimpleRandomNumber::perThread(); }, "rng");
+  worker.go();
+  worker.join();
+  EXPECT_NE(worker_gen, &mine);
+
+  // A thread the registry doesn't know shares the process-wide generator.
+  SimpleRandomNumber *foreign1 = nullptr, *foreign2 = nullptr;
+  std::thread([&] { foreign1 = &SimpleRandomNumber::perThread(); }).join();
+  std::thread([&] { foreign2 = &SimpleRandomNumber::perThread(); }).join();
+  EXPECT_EQ(foreign1, foreign2);
+  EXPECT_NE(foreign1, &mine);
+  EXPECT_TRUE(foreign1->isSeeded());
+}
+
+TEST(SimpleRandom, Helpers) {
+  for (size_t n : {0u, 7u, 8u, 200u}) {
+    morvek::Str hex("x");
+    morvek::appendRandomHex(hex, n);
+    EXPECT_EQ(hex.size(), 1 + n + n % 2) << n;
+    EXPECT_EQ(hex.find_first_not_of("0123456789abcdef", 1), morvek::StrSegment::npos);
+  }
+  SimpleRandomNumber g;
+  g.seedFromValue(9);
+  struct Range {
+    unsigned char low, high;
+  } ranges[] = {{'a', 'z'}, {0, 255}, {'0', '0'}, {200, 255}};
+  for (const Range &r : ranges) {
+    morvek::Str out("garbage");
+    morvek::fillRandomRange(g, r.low, r.high, 2000, out);
+    ASSERT_EQ(out.size(), 2000u);
+    std::set<unsigned char> seen(out.begin(), out.end());
+    EXPECT_EQ(*seen.begin(), r.low);
+    EXPECT_EQ(*seen.rbegin(), r.high);
+  }
+}
+
+}  // namespace
