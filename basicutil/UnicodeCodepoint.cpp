@@ -470,19 +470,28 @@ inline uint32_t fold_caseless(uint32_t v) {
   return v >= 'A' && v <= 'Z' ? v + 32 : v;
 }
 
-// Bytes from the front that are equal on both sides and ASCII: those decide nothing.
-inline size_t equal_ascii_prefix(const uint8_t *a, const uint8_t *b, size_t n) {
+// Bytes from the front that are ASCII on both sides and equal once folded: those decide nothing.
+inline size_t caseless_ascii_prefix(const uint8_t *a, const uint8_t *b, size_t n) {
   size_t i = 0;
 #ifdef __SSE2__
+  const __m128i below_a = _mm_set1_epi8('A' - 1), above_z = _mm_set1_epi8('Z' + 1);
+  const __m128i case_bit = _mm_set1_epi8(0x20);
+  auto fold = [&](__m128i v) {
+    // Signed compares are right for ASCII; high bytes are excluded separately.
+    const __m128i upper = _mm_and_si128(_mm_cmpgt_epi8(v, below_a), _mm_cmplt_epi8(v, above_z));
+    return _mm_or_si128(v, _mm_and_si128(upper, case_bit));
+  };
   for (; i + 16 <= n; i += 16) {
     const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a + i));
     const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i *>(b + i));
-    const unsigned eq = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(va, vb)));
-    const unsigned good = eq & ~static_cast<unsigned>(_mm_movemask_epi8(va)) & 0xFFFF;
+    const unsigned eq =
+        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(fold(va), fold(vb))));
+    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(va, vb)));
+    const unsigned good = eq & ~high & 0xFFFF;
     if (good != 0xFFFF) return i + static_cast<size_t>(__builtin_ctz(~good));
   }
 #endif
-  while (i < n && a[i] == b[i] && a[i] < 0x80) ++i;
+  while (i < n && (a[i] | b[i]) < 0x80 && ascii_lower(a[i]) == ascii_lower(b[i])) ++i;
   return i;
 }
 
@@ -510,18 +519,14 @@ int mem_compare_caseless(const char *lhs_bytes, size_t lhsLen, const char *rhs_b
     }
     const uint8_t a = *lhs, b = *rhs;
     if ((a | b) < 0x80) {
-      if (a == b) {
-        const size_t left =
-            static_cast<size_t>(lhs_end - lhs < rhs_end - rhs ? lhs_end - lhs : rhs_end - rhs);
-        const size_t same = left >= 16 ? equal_ascii_prefix(lhs, rhs, left) : 1;
-        lhs += same;
-        rhs += same;
-        continue;
-      }
       const uint8_t fa = ascii_lower(a), fb = ascii_lower(b);
       if (fa != fb) return fa < fb ? -1 : 1;
-      ++lhs;
-      ++rhs;
+      // Equal so far: take the rest of the ASCII run in blocks.
+      const size_t left =
+          static_cast<size_t>(lhs_end - lhs < rhs_end - rhs ? lhs_end - lhs : rhs_end - rhs);
+      const size_t same = caseless_ascii_prefix(lhs, rhs, left);
+      lhs += same;
+      rhs += same;
       continue;
     }
     const uint32_t l = take_caseless_char(lhs, lhs_end);
