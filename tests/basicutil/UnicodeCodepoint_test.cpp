@@ -1,0 +1,551 @@
+// Code points, walkers, classes, caseless order, case conversion and mark composition over UTF-8.
+
+#include "basicutil/UnicodeCodepoint.h"
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "basicutil/UnicodeTables.h"
+
+using namespace morvek;
+
+namespace {
+
+std::string U(uint32_t cp) {
+  if (cp < 0x80) return std::string(1, static_cast<char>(cp));
+  Utf8CodepointWriter w;
+  return std::string(w.data(), w._set(cp));
+}
+
+// Code points by popCodepoint until the end; false if one fails.
+bool pop_all(std::string_view s, std::vector<uint32_t> &out) {
+  uint32_t cp;
+  for (StrSegment seg(s); seg._len > 0; out.push_back(cp))
+    if (!popCodepoint(seg, cp)) return false;
+  return true;
+}
+
+// Feeds the accumulator as its callers do, taking ASCII at ground state directly. `clean`: every
+// byte ended up in an accepted character.
+bool accumulate(std::string_view s, std::vector<uint32_t> &out) {
+  bool clean = true;
+  UnicodeCodepoint u;
+  for (unsigned char by : s) {
+    if (!u.at_ground_state() && (by & 0xC0) != 0x80) clean = false;  // sequence dropped
+    if (u.at_ground_state() && by < 0x80) {
+      out.push_back(by);
+    } else if (u._accumulateUtf8Byte(by)) {
+      out.push_back(u._cp);
+      if (u._cp < 0x80) clean = false;  // broken by ASCII
+    } else if (u.at_ground_state()) {
+      clean = false;  // rejected or stray
+    }
+  }
+  return clean && u.at_ground_state();
+}
+
+std::string lower(std::string_view s) {
+  Str out;
+  utf8ToLower(StrSegment(s), out);
+  return out;
+}
+std::string upper(std::string_view s) {
+  Str out;
+  utf8ToUpper(StrSegment(s), out);
+  return out;
+}
+int sign(int v) { return (v > 0) - (v < 0); }
+int caseless(const std::string &a, const std::string &b) {
+  return sign(mem_compare_caseless(a.data(), a.size(), b.data(), b.size()));
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Conversions
+
+TEST(Utf8Conversions, RoundTripOverAllCodePointsInByteOrder) {
+  uint32_t previous = 0;
+  for (uint32_t cp = 0x80; cp <= 0x10FFFF; ++cp) {
+    const uint32_t u = codepoint_to_utf8bytes(cp);
+    ASSERT_EQ(utf8bytes_to_codepoint(u), cp);
+    ASSERT_GT(u, previous) << std::hex << cp;  // values order as the bytes do
+    previous = u;
+    uint32_t from_writer = 0;
+    for (unsigned char c : U(cp)) from_writer = from_writer << 8 | c;
+    ASSERT_EQ(from_writer, u);
+  }
+  Utf8CodepointWriter w;
+  EXPECT_EQ(w._set(0x110000), 0u);
+  EXPECT_EQ(w._set(0x10FFFF), 4u);
+  EXPECT_EQ(w._set(0xD800), 3u);
+  EXPECT_EQ(codepoint_to_utf8bytes(0xD800), 0xEDA080u);
+}
+
+TEST(Utf8Conversions, OutOfDomainIsFatal) {
+  EXPECT_DEATH(codepoint_to_utf8bytes(0x7F), "cp >= 0x80");
+  EXPECT_DEATH(codepoint_to_utf8bytes(0x110000), "cp <= 0x10FFFF");
+  EXPECT_DEATH(utf8bytes_to_codepoint(0x80), "u < 0x80");
+  EXPECT_DEATH(utf8bytes_to_codepoint(0x1000000), "u <= 0xEFBFBF");  // gap between forms
+  EXPECT_DEATH(UnicodeCodepoint()._accumulateUtf8Byte('a'), "by >= 0x80");
+}
+
+// ---------------------------------------------------------------------------
+// Decoders
+
+TEST(Utf8Decoders, AccumulatorSequences) {
+  struct Case {
+    std::string bytes;
+    std::string results;  // one 't' or 'f' per byte
+    uint32_t cp;          // _cp at the end, or ~0 when it mustn't be used
+  };
+  const std::vector<Case> cases = {
+      {"\xE2\x82\xAC", "fft", 0x20AC},
+      {"\xE2"
+       "A",
+       "ft", 'A'},
+      {"\xE0\x80\x80", "fff", ~0u},
+      {"\xED\xA0\x80", "fff", ~0u},
+      {"\xF0\x9F\x98\x80", "ffft", 0x1F600},
+      {"\xF4\x90\x80\x80", "ffff", ~0u},
+      {"\xC3\xE2\x82\xAC", "ffft", 0x20AC},
+      {"\xC3\xFF", "ff", 0xFF},
+      {"\x80", "f", 0},
+      {"\xC1\x81", "ff", 0},
+  };
+  for (const Case &c : cases) {
+    UnicodeCodepoint u;
+    std::string results;
+    for (char by : c.bytes) results += u._accumulateUtf8Byte(static_cast<uint8_t>(by)) ? 't' : 'f';
+    EXPECT_EQ(results, c.results) << testing::PrintToString(c.bytes);
+    EXPECT_TRUE(u.at_ground_state());
+    if (c.cp != ~0u) {
+      EXPECT_EQ(u._cp, c.cp) << testing::PrintToString(c.bytes);
+    }
+  }
+}
+
+TEST(Utf8Decoders, PopCodepointAndIsValidUtf8Edges) {
+  struct Case {
+    std::string bytes;
+    bool pops;
+    uint32_t cp;
+    size_t consumed;
+    bool valid;
+  };
+  const std::vector<Case> cases = {
+      {"", false, 0, 0, true},
+      {"a", true, 'a', 1, true},
+      {"\xED\xA0\x80", true, 0xD800, 3, false},  // surrogates pop, but aren't valid
+      {"\xED\x9F\xBF", true, 0xD7FF, 3, true},
+      {"\xC0\x80", false, 0, 0, false},
+      {"\xE0\x80\x80", false, 0, 0, false},
+      {"\xE0\x9F\xBF", false, 0, 0, false},
+      {"\xF0\x8F\xBF\xBF", false, 0, 0, false},
+      {"\xF4\x90\x80\x80", false, 0, 0, false},
+      {"\xF4\x8F\xBF\xBF", true, 0x10FFFF, 4, true},
+      {"\xF1\x41\x80\x80", false, 0, 0, true},  // the required looseness of the check
+      {"\xF5\x80\x80\x80", false, 0, 0, false},
+      {"\xC3\xA9\xA9", true, 0xE9, 2, false},
+      {"\xC3", false, 0, 0, false},
+      {"\xE2\x82", false, 0, 0, false},
+      {"\x80", false, 0, 0, false},
+  };
+  for (const Case &c : cases) {
+    StrSegment seg(c.bytes);
+    uint32_t cp = 0x12345;
+    EXPECT_EQ(popCodepoint(seg, cp), c.pops) << testing::PrintToString(c.bytes);
+    EXPECT_EQ(cp, c.pops ? c.cp : 0x12345u) << testing::PrintToString(c.bytes);
+    EXPECT_EQ(seg._data, c.bytes.data() + c.consumed);
+    EXPECT_EQ(isValidUtf8(c.bytes.data(), c.bytes.size()), c.valid)
+        << testing::PrintToString(c.bytes);
+  }
+}
+
+TEST(Utf8Decoders, AgreeOnEveryShortSequenceOverReducedAlphabet) {
+  const std::string alphabet(
+      "\x00\x41\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xED\xEF\xF0\xF1\xF4\xF5\xFF",
+      22);
+  size_t valid_seen = 0, surrogate_seen = 0, loose_seen = 0;
+  std::vector<size_t> idx;
+  for (size_t len = 1; len <= 4; ++len) {
+    for (idx.assign(len, 0);;) {
+      std::string s;
+      for (size_t i : idx) s += alphabet[i];
+      std::vector<uint32_t> popped, accumulated;
+      const bool pops = pop_all(s, popped);
+      bool surrogate = false;
+      for (uint32_t cp : popped) surrogate |= cp >= 0xD800 && cp <= 0xDFFF;
+      const bool clean = accumulate(s, accumulated);
+      const bool valid = isValidUtf8(s.data(), s.size());
+      SCOPED_TRACE(testing::PrintToString(s));
+      // Well-formed text: all three agree, and the walkers count it the same.
+      ASSERT_EQ(clean, pops && !surrogate);
+      if (clean) {
+        ASSERT_EQ(accumulated, popped);
+        ASSERT_TRUE(valid);
+        ASSERT_EQ(mem_count_utf8_codepoints(s.data(), s.size()), popped.size());
+        ++valid_seen;
+      }
+      // The documented differences: popCodepoint takes surrogates, isValidUtf8 doesn't insist
+      // on a continuation byte after a four-byte lead.
+      if (pops && surrogate) {
+        ASSERT_FALSE(valid);
+        ++surrogate_seen;
+      }
+      if (valid && !clean) {
+        bool loose = false;
+        for (size_t i = 0; i + 1 < s.size(); ++i)
+          loose |= static_cast<uint8_t>(s[i]) >= 0xF0 && (s[i + 1] & 0xC0) != 0x80;
+        ASSERT_TRUE(loose);
+        ++loose_seen;
+      }
+      for (uint32_t cp : accumulated) ASSERT_TRUE(cp <= 0x10FFFF && (cp < 0xD800 || cp > 0xDFFF));
+      size_t k = 0;
+      while (k < len && ++idx[k] == alphabet.size()) idx[k++] = 0;
+      if (k == len) break;
+    }
+  }
+  EXPECT_GT(valid_seen, 1000u);
+  EXPECT_GT(surrogate_seen, 0u);
+  EXPECT_GT(loose_seen, 0u);
+}
+
+TEST(Utf8Decoders, LongInputsAtEveryBlockOffset) {
+  for (size_t pos = 0; pos < 40; ++pos) {
+    std::string s(40, 'x');
+    s[pos] = '\xFF';
+    EXPECT_FALSE(isValidUtf8(s.data(), s.size())) << pos;
+    s = std::string(pos, 'x') + "\xE2\x82\xAC" + std::string(40 - pos, 'y');
+    EXPECT_TRUE(isValidUtf8(s.data(), s.size())) << pos;
+    EXPECT_EQ(mem_count_utf8_codepoints(s.data(), s.size()), 41u) << pos;
+    s = std::string(pos, 'x') + "\xE2\x82";
+    EXPECT_FALSE(isValidUtf8(s.data(), s.size())) << pos;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Quick walkers
+
+TEST(Utf8Walkers, CountSteps) {
+  const std::vector<std::pair<std::string, size_t>> cases = {
+      {"", 0},
+      {"abc", 3},
+      {"\xC3\xA9", 1},
+      {"a\xC3", 2},
+      {"\x80"
+       "a",
+       1},  // the step of 2 swallows the 'a'
+      {"\xF0\x9F\x98\x80z", 2},
+      {"\xF5\xFF"
+       "a",
+       3},
+      {"\xE2"
+       "abc",
+       2},
+  };
+  for (const auto &[bytes, n] : cases)
+    EXPECT_EQ(mem_count_utf8_codepoints(bytes.data(), bytes.size()), n)
+        << testing::PrintToString(bytes);
+}
+
+TEST(Utf8Walkers, CharacterCountTruncate) {
+  const std::string e = "\xC3\xA9", euro = "\xE2\x82\xAC";
+  const std::vector<std::tuple<std::string, size_t, size_t>> cases = {
+      {"abcdef", 3, 3},
+      {"abc", 10, 3},
+      {"ab" + e + "cd", 3, 4},
+      {"ab" + e + "cd", 4, 5},
+      {e + e + e, 2, 4},
+      {e + euro, 1, 2},
+      {"a" + euro, 2, 4},    // ends exactly at the end: unchanged
+      {"ab\xE2\x82", 3, 2},  // a broken tail is cut off
+      {"\xE2\x82"
+       "ab",
+       1, 3},
+      {e + "x", 0, 0},
+  };
+  for (const auto &[bytes, n, len] : cases) {
+    StrSegment seg(bytes);
+    utf8_character_count_truncate(seg, n);
+    EXPECT_EQ(seg._len, len) << testing::PrintToString(bytes) << " n=" << n;
+  }
+}
+
+TEST(Utf8Walkers, ByteTruncateNeverSplitsACharacter) {
+  const std::string text =
+      "a\xC3\xA9\xE2\x82\xAC"
+      "b\xF0\x9F\x98\x80"
+      "cd";
+  const std::vector<size_t> boundaries = {0, 1, 3, 6, 7, 11, 12, 13};
+  for (size_t n = 0; n <= text.size() + 2; ++n) {
+    StrSegment seg(text);
+    size_t expected = 0;
+    for (size_t b : boundaries) expected = b <= n ? b : expected;
+    EXPECT_EQ(utf8ByteTruncate(seg, n), expected) << n;
+    EXPECT_EQ(seg._len, expected) << n;
+  }
+  const std::string stray = "\x80\x80\x80";
+  StrSegment seg(stray);
+  EXPECT_EQ(utf8ByteTruncate(seg, 2), 0u);
+}
+
+TEST(Utf8Walkers, CharacterRange) {
+  const std::string text =
+      "a\xC3\xA9"
+      "b\xE2\x82\xAC";  // characters at 0 1 3 4, end 7
+  struct Case {
+    std::string bytes;
+    size_t start, count;
+    bool ok;
+    size_t first, last;
+  };
+  const std::vector<Case> cases = {
+      {text, 0, 2, true, 0, 3},    {text, 1, 2, true, 1, 4},
+      {text, 1, 0, true, 1, 1},    {text, 2, 100, true, 3, 7},
+      {text, 3, 5, true, 4, 7},    {text, 4, 1, true, 7, 7},
+      {text, 5, 1, false, 0, 0},   {"", 0, 0, true, 0, 0},
+      {"a\xE2", 1, 1, true, 1, 4},  // a broken tail carries `last` past the end
+  };
+  for (const Case &c : cases) {
+    size_t first = 99, last = 99;
+    EXPECT_EQ(utf8CharacterRange(c.bytes.data(), c.bytes.size(), c.start, c.count, first, last),
+              c.ok);
+    EXPECT_EQ(first, c.ok ? c.first : 99u) << c.start << "," << c.count;
+    EXPECT_EQ(last, c.ok ? c.last : 99u) << c.start << "," << c.count;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Classes and case of single code points
+
+TEST(UnicodeClasses, AsciiFollowsThePosixClasses) {
+  for (int c = 0; c < 0x80; ++c) {
+    const UnicodeCodepoint u(static_cast<uint32_t>(c));
+    SCOPED_TRACE(c);
+    EXPECT_EQ(u.isAlnum(), isalnum(c) != 0);
+    EXPECT_EQ(u.isAlpha(), isalpha(c) != 0);
+    EXPECT_EQ(u.isCntrl(), iscntrl(c) != 0);
+    EXPECT_EQ(u.isGraph(), isgraph(c) != 0);
+    EXPECT_EQ(u.isPrint(), isprint(c) != 0);
+    EXPECT_EQ(u.isPunct(), ispunct(c) != 0);
+    EXPECT_EQ(u.isSpace(), isspace(c) != 0);
+    EXPECT_EQ(u.isLower(), islower(c) != 0);
+    EXPECT_EQ(u.isUpper(), isupper(c) != 0);
+    UnicodeCodepoint l = u, h = u;
+    l.toLower();
+    h.toUpper();
+    EXPECT_EQ(l._cp, static_cast<uint32_t>(tolower(c)));
+    EXPECT_EQ(h._cp, static_cast<uint32_t>(toupper(c)));
+  }
+}
+
+TEST(UnicodeClasses, NonAsciiFromTheTable) {
+  // a=alpha n=alnum c=cntrl p=print u=punct g=graph s=space l=lower U=upper
+  const std::vector<std::pair<uint32_t, std::string>> cases = {
+      {0xE9, "anplg"},  {0xC9, "anpgU"},  {0xA0, "s"},      {0xA1, "pug"},   {0xA2, "p"},
+      {0x660, "npg"},   {0x300, ""},      {0x2028, "s"},    {0xAD, "c"},     {0x85, "c"},
+      {0x100, "anpgU"}, {0x101, "anplg"}, {0x4E00, "anpg"}, {0x166D, "pug"}, {0xE000, ""},
+  };
+  for (const auto &[cp, want] : cases) {
+    const UnicodeCodepoint u(cp);
+    const std::pair<char, bool> got[] = {
+        {'a', u.isAlpha()}, {'n', u.isAlnum()}, {'c', u.isCntrl()},
+        {'p', u.isPrint()}, {'u', u.isPunct()}, {'g', u.isGraph()},
+        {'s', u.isSpace()}, {'l', u.isLower()}, {'U', u.isUpper()}};
+    for (const auto &[k, is] : got)
+      EXPECT_EQ(is, want.find(k) != std::string::npos) << std::hex << cp << " " << k;
+  }
+}
+
+TEST(UnicodeClasses, CaseMappingOfSingleCodePoints) {
+  const std::vector<std::tuple<uint32_t, uint32_t, uint32_t>> cases = {
+      {0xC9, 0xE9, 0xC9},       {0x130, 'i', 0x130},         {0x131, 0x131, 'I'},
+      {0xB5, 0xB5, 0x39C},      {0xDF, 0xDF, 0xDF},          {0x1E9E, 0xDF, 0x1E9E},
+      {0x100, 0x101, 0x100},    {0x101, 0x101, 0x100},       {0xFF, 0xFF, 0x178},
+      {0x4E00, 0x4E00, 0x4E00}, {0x10400, 0x10428, 0x10400},
+  };
+  for (const auto &[cp, lo, up] : cases) {
+    UnicodeCodepoint l(cp), u(cp);
+    l.toLower();
+    u.toUpper();
+    EXPECT_EQ(l._cp, lo) << std::hex << cp;
+    EXPECT_EQ(u._cp, up) << std::hex << cp;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Caseless comparison and whole-string case conversion
+
+TEST(CaselessCompare, Edges) {
+  const std::vector<std::tuple<std::string, std::string, int>> cases = {
+      {"abc", "ABC", 0},
+      {"", "", 0},
+      {"", "a", -1},
+      {"a", "", 1},
+      {"abD", "abc", 1},
+      {"ab", "abc", -1},
+      {"[", "A", -1},  // '[' lies between the cases: the folded values decide
+      {"\xC3\x89", "\xC3\xA9", 0},
+      {"\xC4\x80", "\xC4\x81", 0},
+      {"\xE1\xBA\x9E", "\xC3\x9F", 0},
+      {"\xC4\xB0", "i", 0},
+      {"\xC4\xB1", "I", 1},
+      {"\xC3", "a", 1},
+      {"\xE2\x82", "\xE2\x82", 0},
+      {"\xE2\x82", "\xE2\x83", -1},
+      {"\xC2\xB5", "\xCE\x9C", -1},  // micro sign is lower case, and isn't folded
+  };
+  for (const auto &[l, r, result] : cases) {
+    EXPECT_EQ(caseless(l, r), result)
+        << testing::PrintToString(l) << " vs " << testing::PrintToString(r);
+    EXPECT_EQ(sign(mem_compare_caseless(l.data(), l.size(), r.c_str())), result);
+  }
+}
+
+TEST(CaselessCompare, LongAsciiDecidesAtEveryOffset) {
+  const std::string base = "The quick brown fox jumps over the lazy dog, 0123456789!";
+  const std::string upper_base = upper(base);
+  ASSERT_EQ(caseless(base, upper_base), 0);
+  for (size_t pos = 0; pos < base.size(); ++pos) {
+    std::string other = upper_base;
+    other[pos] = '~';
+    EXPECT_EQ(caseless(base, other), -1) << pos;
+    other[pos] = '\xC3';
+    EXPECT_EQ(caseless(other, base), 1) << pos;
+  }
+}
+
+TEST(CaselessCompare, TotalOrderConsistentWithLowerCase) {
+  const std::vector<std::string> alphabet = {
+      "a",      "A",      "z",       "Z",        "[",        "_",        "0",      " ",
+      U(0xE9),  U(0xC9),  U(0xDF),   U(0x1E9E),  U(0x100),   U(0x101),   U(0x130), U(0x131),
+      U(0x3A3), U(0x3C3), U(0x4E00), U(0x1F600), U(0x10400), U(0x10428), U(0x410), U(0x430),
+      U(0xB5),  U(0x39C), U(0x3BC),  U(0xFF),    U(0x178)};
+  std::mt19937 rng(42);
+  auto random_text = [&] {
+    std::string s;
+    for (size_t n = rng() % 6; n > 0; --n) s += alphabet[rng() % alphabet.size()];
+    return s;
+  };
+  for (int round = 0; round < 20000; ++round) {
+    const std::string a = random_text();
+    const std::string b = rng() % 3 ? random_text() : upper(a);
+    const int expected = sign(lower(a).compare(lower(b)));
+    ASSERT_EQ(caseless(a, b), expected)
+        << testing::PrintToString(a) << " vs " << testing::PrintToString(b);
+    ASSERT_EQ(caseless(b, a), -expected);
+  }
+}
+
+TEST(CaseConversion, WholeStrings) {
+  const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+      {"Stra\xC3\x9F"
+       "e",
+       "STRA\xC3\x9F"
+       "E",
+       "stra\xC3\x9F"
+       "e"},
+      {"\xC4\x80\xC4\x81", "\xC4\x80\xC4\x80", "\xC4\x81\xC4\x81"},
+      {"x\xC4\xB0y", "X\xC4\xB0Y", "xiy"},  // shrinks to ASCII
+      {"\xC4\xB1", "I", "\xC4\xB1"},
+      {"\xC2\xB5", "\xCE\x9C", "\xC2\xB5"},
+      {std::string("A\0b\xC3\x89", 5), std::string("A\0B\xC3\x89", 5),
+       std::string("a\0b\xC3\xA9", 5)},
+      {"a\xC3"
+       "b\x80\xFF",
+       "A\xC3"
+       "B\x80\xFF",
+       "a\xC3"
+       "b\x80\xFF"},
+      {"\xC1\xBFq", "\xC1\xBFQ", "\xC1\xBFq"},
+  };
+  for (const auto &[src, up, low] : cases) {
+    EXPECT_EQ(upper(src), up) << testing::PrintToString(src);
+    EXPECT_EQ(lower(src), low) << testing::PrintToString(src);
+  }
+  Str same(
+      "gr\xC3\xBC\xC3\x9F"
+      "e");
+  utf8ToUpper(same, same);
+  EXPECT_EQ(same,
+            "GR\xC3\x9C\xC3\x9F"
+            "E");
+}
+
+// ---------------------------------------------------------------------------
+// Combining marks
+
+TEST(CombiningMarks, Edges) {
+  const std::string acute = U(0x301), circ = U(0x302), diaer = U(0x308), macron = U(0x304);
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"e" + acute, U(0xE9)},
+      {"e" + U(0x341), U(0xE9)},
+      {"a" + circ + acute, U(0x1EA5)},
+      {"a" + acute + circ, U(0x1EA5)},
+      {"U" + diaer + macron, U(0x1D5)},
+      {"U" + macron + diaer, U(0x1E7A)},
+      {"u" + diaer + macron, U(0x1D6)},
+      {"u" + macron + diaer, U(0x1E7B)},
+      {"q" + acute, "q" + acute},
+      {acute + acute + "x", acute + acute + "x"},
+      {"e" + acute + "e" + acute, U(0xE9) + U(0xE9)},
+      {std::string(1, '\0') + acute, std::string(1, '\0') + acute},
+      {"\xE9", "\xE9"},
+      {U(0x391) + U(0x313) + U(0x300), U(0x1F0A)},
+      {"o" + U(0x338), "o" + U(0x338)},
+      {"c" + acute + U(0x327) + "z", U(0x1E09) + "z"},
+  };
+  for (const auto &[in, out] : cases) {
+    Str s(in);
+    resolveUnicodeCombiningMarks(s);
+    EXPECT_EQ(s, out) << testing::PrintToString(in);
+  }
+}
+
+TEST(CombiningMarks, EveryRuleComposes) {
+  // One mark per bit (the first in table order), appended in bit order: diaeresis before
+  // macron for 4+7, which is the order of U+01D5 and U+01D6.
+  std::vector<uint32_t> mark_for_bit(64, 0);
+  for (const auto &m : utf8_combiner_marks)
+    if (mark_for_bit[__builtin_ctzll(m.flag)] == 0)
+      mark_for_bit[__builtin_ctzll(m.flag)] = m.utf8bytes;
+  auto bytes_of = [](uint32_t u) {
+    std::string s;
+    for (int shift = 24; shift >= 0; shift -= 8)
+      if ((u >> shift) != 0) s += static_cast<char>(u >> shift & 0xFF);
+    return s;
+  };
+  size_t checked = 0;
+  for (const auto &c : utf8_combiners) {
+    std::string marks;
+    for (int bit = 0; bit < 64; ++bit)
+      if (c.key >> bit & 1) marks += bytes_of(mark_for_bit[bit]);
+    for (const Utf8CombinerRule &rule :
+         std::vector<Utf8CombinerRule>(c.rules, c.rules + c.nrules)) {
+      ASSERT_EQ(replacement_for_utf8bytes(rule.base, c.key), rule.replacement);
+      Str s(bytes_of(rule.base) + marks);
+      resolveUnicodeCombiningMarks(s);
+      EXPECT_EQ(s, bytes_of(rule.replacement)) << std::hex << rule.base;
+      ++checked;
+    }
+  }
+  EXPECT_EQ(checked, utf8_combiner_rules_count);
+  EXPECT_EQ(replacement_for_utf8bytes('q', 2), 0u);
+  EXPECT_EQ(combiner_flag_for_utf8bytes(0xCD81), 2u);
+  EXPECT_EQ(combiner_flag_for_utf8bytes(0xCC85), 0u);
+}
+
+TEST(CombiningMarks, UntouchedTextKeepsItsBuffer) {
+  for (const std::string &text : {std::string(100, 'a'), std::string("caf\xC3\xA9 \xE4\xB8\x80")}) {
+    Str s(text);
+    const char *before = s.data();
+    resolveUnicodeCombiningMarks(s);
+    EXPECT_EQ(s.data(), before);
+    EXPECT_EQ(s, text);
+  }
+}
