@@ -1,5 +1,7 @@
 #include "basicutil/Str.h"
 
+#include "basicutil/UnicodeCodepoint.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -171,31 +173,16 @@ size_t asciiCaseFlip(char *p, size_t len, char lo, char hi) {
   return len;
 }
 
-// Stand-in for the code-point case converter: maps ASCII letters, keeps every other byte.
-// The Unicode tables replace this one function.
+// Past the first non-ASCII byte the code-point tables decide; the converted ASCII prefix maps to
+// itself, so the whole string goes through.
 void convertCaseNonAscii(Str &s, bool upper) {
   Str out;
-  out.reserve(s.size());
-  char lo = upper ? 'a' : 'A';
-  char hi = upper ? 'z' : 'Z';
-  for (char c : static_cast<const std::string &>(s)) {
-    out.push_back(c >= lo && c <= hi ? static_cast<char>(c ^ 0x20) : c);
+  if (upper) {
+    utf8ToUpper(s, out);
+  } else {
+    utf8ToLower(s, out);
   }
   s.swap(out);
-}
-
-// Stand-in for the caseless comparison of the Unicode layer: folds ASCII only. Swapped for
-// mem_compare_caseless when that lands.
-int compareCaselessStandIn(const char *a, size_t alen, const char *b, size_t blen) {
-  size_t n = std::min(alen, blen);
-  for (size_t i = 0; i < n; ++i) {
-    int ca = static_cast<unsigned char>(a[i]);
-    int cb = static_cast<unsigned char>(b[i]);
-    if (ca >= 'A' && ca <= 'Z') ca += 32;
-    if (cb >= 'A' && cb <= 'Z') cb += 32;
-    if (ca != cb) return ca - cb;
-  }
-  return alen < blen ? -1 : (alen > blen ? 1 : 0);
 }
 
 inline bool isAsciiDigit(char c) { return c >= '0' && c <= '9'; }
@@ -637,7 +624,7 @@ int compareNaturally(StrSegment a, StrSegment b, bool caseless) {
     size_t zb = getNextChunk(b, cb);
     if (za == StrSegment::npos || zb == StrSegment::npos) {
       int r =
-          caseless ? compareCaselessStandIn(ca._data, ca._len, cb._data, cb._len) : ca.compare(cb);
+          caseless ? mem_compare_caseless(ca._data, ca._len, cb._data, cb._len) : ca.compare(cb);
       if (r != 0) return r;
     } else {
       size_t sa = ca._len - za;

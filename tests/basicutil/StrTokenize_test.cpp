@@ -190,6 +190,7 @@ TEST(StrNatural, Ordering) {
       {"v1.10", "v1.9", false, 1},    {"ab1", "ab-", false, -1},
       {"x19", "x100", false, -1},     {"x0019", "x019", false, 0},
       {"99", "100", false, -1},       {"abc", "ABC", true, 0},
+      {"\xc3\x89t\xc3\xa9" "2", "\xc3\xa9T\xc3\x89" "10", true, -1},
   };
   for (const Case &c : cases) {
     EXPECT_EQ(sign(morvek::compareNaturally(c.a, c.b, c.caseless)), c.order)

@@ -1,6 +1,7 @@
 // Str and StrSegment: the block scans against plain byte loops, and the edge behaviour of each
 // operation family.
 #include "basicutil/Str.h"
+#include "basicutil/UnicodeCodepoint.h"
 
 #include <gtest/gtest.h>
 
@@ -35,7 +36,15 @@ size_t plainLineEnd(const char *p, size_t len, size_t pos) {
   return npos;
 }
 
+// The byte loop for ASCII text; past a high byte the code-point converter owns the result.
 std::string plainCase(std::string s, bool upper) {
+  for (char c : s) {
+    if (static_cast<unsigned char>(c) & 0x80) {
+      Str out;
+      upper ? morvek::utf8ToUpper(s, out) : morvek::utf8ToLower(s, out);
+      return out;
+    }
+  }
   for (char &c : s) {
     if (upper && c >= 'a' && c <= 'z') c = static_cast<char>(c - 32);
     if (!upper && c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
@@ -321,8 +330,9 @@ TEST(StrBuilding, ControlsAndCase) {
   s.appendWithoutControls(nullptr);
   EXPECT_EQ(s, "xab\xc3\xa9");
 
-  // Past a high byte the stand-in converter still maps ASCII and leaves the rest alone.
-  EXPECT_EQ(Str("abc\xc3\xa9xyz").toUpper(), "ABC\xc3\xa9XYZ");
+  // Past a high byte the code-point tables take over; invalid bytes pass through unchanged.
+  EXPECT_EQ(Str("abc\xc3\xa9xyz").toUpper(), "ABC\xc3\x89XYZ");
+  EXPECT_EQ(Str("\xc3\x89T\xc3\x89").toLower(), "\xc3\xa9t\xc3\xa9");
   EXPECT_EQ(Str("ABC\xff@[`{Z").toLower(), "abc\xff@[`{z");
   EXPECT_EQ(Str("").toUpper(), "");
 }
