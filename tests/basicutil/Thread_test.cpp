@@ -262,8 +262,8 @@ TEST(ThreadWrappers, WaitRelativeTimesOutOrSeesSignal) {
   morvek::PthreadMutex m;
   morvek::PthreadCondition c;
   m.lock();
-  EXPECT_FALSE(c.waitRelative(m, 0, 0));
-  EXPECT_FALSE(c.waitRelative(m, 0, 20000000));
+  EXPECT_FALSE(c.waitRelative(m, morvek::MonotonicTime(0, 0)));
+  EXPECT_FALSE(c.waitRelative(m, morvek::MonotonicTime(0, 20000000)));
   m.unlock();
   std::atomic<bool> waiting{false};
   bool signalled = false;
@@ -271,7 +271,7 @@ TEST(ThreadWrappers, WaitRelativeTimesOutOrSeesSignal) {
       [&] {
         m.lock();
         waiting = true;
-        signalled = c.waitRelative(m, 30, 0);
+        signalled = c.waitRelative(m, morvek::MonotonicTime(30, 0));
         m.unlock();
       },
       "waiter");
