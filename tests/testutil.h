@@ -34,4 +34,17 @@ int waitWithTimeout(pid_t pid, int timeout_ms);
 
 std::string makeTempDir();
 
+// Sends descriptor 2 to an unlinked temporary file until finish(), which restores it and returns
+// what was written.
+class StderrCapture {
+ public:
+  StderrCapture();
+  ~StderrCapture();
+  std::string finish();
+
+ private:
+  int _saved = -1;
+  int _fd = -1;
+};
+
 }  // namespace testutil
