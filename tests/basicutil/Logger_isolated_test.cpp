@@ -48,7 +48,7 @@ TEST(LoggerBeforeInit, HandleUsedBeforeItsConstructorWritesEmergencyLines) {
   EXPECT_TRUE(late_logger.isConstructed());
 }
 
-TEST(LoggerBeforeInit, RootChannelDecidesUntilInitialize) {
+TEST(LoggerBeforeInit, RootChannelDecidesUntilInitializeThenEachHandleHasItsOwn) {
   ASSERT_FALSE(Logger::isInitialized());
   EXPECT_EQ(early_logger.getChannel(), Logger::rootChannel());
   // A named level waits for initialize; meanwhile the root channel's INFO holds.
@@ -60,9 +60,8 @@ TEST(LoggerBeforeInit, RootChannelDecidesUntilInitialize) {
   EXPECT_EQ(cap.finish(), "shown before\n");
   Recorder rec;
   EXPECT_DEATH(Logger::registerLogObserver(&early_logger, &rec), "lc");
-}
 
-TEST(LoggerBeforeInit, LoggersMadeBeforeInitializeFindTheirChannels) {
+  // Nothing is called on the handles: initialize alone gives them their channels.
   Logger::initialize();
   ASSERT_TRUE(Logger::isInitialized());
   EXPECT_NE(early_logger.getChannel(), Logger::rootChannel());
@@ -82,7 +81,6 @@ TEST(LoggerBeforeInit, LoggersMadeBeforeInitializeFindTheirChannels) {
   EXPECT_EQ(twin.getChannel(), early_logger.getChannel());
   EXPECT_TRUE(early_logger.isDebugEnabled());
 
-  Recorder rec;
   morvek::ScopedLogObserverRegistration reg(&early_logger, &rec);
   {
     // Moving the scope keeps exactly one registration.
