@@ -355,14 +355,15 @@ bool LoggerSimple::shouldTrim() const { return false; }
 // ---------------------------------------------------------------------------------------------
 // The message path
 
-void Logger::log(int level, const char *format, ...) {
+MORVEK_LOGGER_EARLY void Logger::log(int level, const char *format, ...) {
   va_list ap;
   va_start(ap, format);
   vlogAt(level, nullptr, format, ap);
   va_end(ap);
 }
 
-void Logger::vlogAt(int level, LogFormatCallback *cb, const char *format, va_list ap) {
+MORVEK_LOGGER_EARLY void Logger::vlogAt(int level, LogFormatCallback *cb, const char *format,
+                                        va_list ap) {
   int saved_errno = errno;
   if (!isConstructed()) {
     // Used from a static initialiser before our own constructor ran: no channel, no level.
@@ -484,7 +485,7 @@ void Logger::deliver(const LogEvent &event, StrSegment message) {
   for (LogAppender *a : more) a->append(event, escaped, nullptr, buffered);
 }
 
-void Logger::logSegment(int level, StrSegment text) {
+MORVEK_LOGGER_EARLY void Logger::logSegment(int level, StrSegment text) {
   int saved_errno = errno;
   if (!isConstructed()) {
     emergencyLog(level, text);
@@ -607,7 +608,7 @@ void Logger::logInternal(LogAppender *skip, int level, const char *format, ...) 
 // ---------------------------------------------------------------------------------------------
 // Stream style
 
-LoggerStreamAccumulator *Logger::openStream(int level) {
+MORVEK_LOGGER_EARLY LoggerStreamAccumulator *Logger::openStream(int level) {
   if (!isConstructed()) {
     return LoggerStreamAccumulator::get(
         reinterpret_cast<const Logger *>(LoggerStreamAccumulator::NOT_YET_CONSTRUCTED));

@@ -19,7 +19,7 @@ int early_errno = 0;
 extern Logger late_logger;  // defined below, so constructed after EarlyUser ran
 
 struct EarlyUser {
-  EarlyUser() {
+  MORVEK_LOGGER_EARLY EarlyUser() {
     testutil::StderrCapture cap;
     errno = EACCES;
     // DEBUG as well: before the constructor there is no channel and no level test.

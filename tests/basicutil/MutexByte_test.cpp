@@ -286,10 +286,10 @@ TEST(MutexByteDeath, ContentionOutsideTheThreadClassesStopsTheProcess) {
 }
 
 #if defined(__SANITIZE_THREAD__)
-constexpr int STRESS_PAIRS = 100000;
+constexpr int STRESS_PAIRS = 50000;
 #elif defined(__has_feature)
 #if __has_feature(thread_sanitizer)
-constexpr int STRESS_PAIRS = 100000;
+constexpr int STRESS_PAIRS = 50000;
 #else
 constexpr int STRESS_PAIRS = 250000;
 #endif
