@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "basicutil/Logger.h"
+#include "basicutil/MutexByte.h"
 #include "basicutil/StaticStrHashSet.h"
 #include "libzero/fatal-assert.h"
 
@@ -177,11 +178,11 @@ void PthreadCondition::wait(PthreadMutex &mutex) {
   checkPthreadWorking(pthread_cond_wait(&_cond, mutex.native()), "pthread_cond_wait");
 }
 
-bool PthreadCondition::waitRelative(PthreadMutex &mutex, int64_t seconds, int32_t nanoseconds) {
+bool PthreadCondition::waitRelative(PthreadMutex &mutex, const MonotonicTime &interval) {
   struct timespec deadline;
   clock_gettime(CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += seconds;
-  deadline.tv_nsec += nanoseconds;
+  deadline.tv_sec += interval.seconds();
+  deadline.tv_nsec += interval.nanoseconds();
   if (deadline.tv_nsec >= 1000000000) {
     deadline.tv_sec += 1;
     deadline.tv_nsec -= 1000000000;
@@ -312,10 +313,7 @@ bool ScopedSingleThreadFlag::isSet() { return single_thread_flag; }
 // Scratch
 
 per_thread_state::per_thread_state()
-    : _u{{nullptr, nullptr}},
-      _random_state{0, 0},
-      _duty_cycle(15000000000ull),
-      _log_buffer_owner(nullptr) {}
+    : _u{{nullptr, nullptr}}, _random_state{0, 0}, _duty_cycle(15000000000ull) {}
 
 per_thread_state::~per_thread_state() { MV_ASSERT(_u.s.waitingOn == nullptr); }
 
@@ -642,6 +640,17 @@ void Thread::addPerThreadInitializer(PerThreadInitializer function) {
   }
 }
 
+void Thread::reinitializeAfterFork() {
+  _main_thread_token = pthread_self();
+  if (activeThreads != nullptr && activeThreads->_count_accounter.isMain()) {
+    activeThreads->_token = _main_thread_token;
+  }
+  // PRE-MAIN CRASH THREAD HOOK: the crash reporter's recorded thread takes the same token.
+  if (per_thread_state *scratch = perThreadScratch()) {
+    scratch->_duty_cycle = DutyCycleEstimate(scratch->_duty_cycle._window_ns);
+  }
+}
+
 per_thread_state *Thread::perThreadScratch() {
   return activeThreads != nullptr ? activeThreads->_scratchp.load(std::memory_order_relaxed)
                                   : nullptr;
@@ -700,9 +709,8 @@ void Thread::writeCrashLogNotation(CrashLogWriter &w) {
   w.writeHexBytes(&_token, sizeof _token);
   w.writeChar('\n');
   if (per_thread_state *scratch = _scratchp.load(std::memory_order_acquire)) {
-    // The waiting state's full rendering arrives with MutexByte.
     w.write("MutexByte: ");
-    w.write(scratch->_u.s.waitingOn == nullptr ? "not waiting" : "waiting");
+    MutexByte::writeWaiting(w, *scratch);
     w.writeChar('\n');
   }
 }

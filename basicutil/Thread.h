@@ -15,7 +15,9 @@
 
 #include "basicutil/BaseException.h"
 #include "basicutil/CrashLog.h"
+#include "basicutil/Logger.h"
 #include "basicutil/Str.h"
+#include "basicutil/Timeval.h"
 #include "libzero/create-crash-dump.h"
 
 namespace morvek {
@@ -73,7 +75,7 @@ class PthreadCondition {
 
   void wait(PthreadMutex &mutex);
   // Waits at most the interval, measured on the monotonic clock. False on time-out.
-  bool waitRelative(PthreadMutex &mutex, int64_t seconds, int32_t nanoseconds);
+  bool waitRelative(PthreadMutex &mutex, const MonotonicTime &interval);
   void signal();
   void broadcast();
 
@@ -192,8 +194,8 @@ struct per_thread_state {
   } _u;
   uint64_t _random_state[2];
   DutyCycleEstimate _duty_cycle;
-  Str _log_buffer;
-  const void *_log_buffer_owner;
+  // The logger's reusable message buffer and the word saying which Logger holds it.
+  LoggerStreamAccumulator _log_buffer;
 };
 
 class Thread {
@@ -249,6 +251,9 @@ class Thread {
   static uint32_t threadsActive();
   static void assertNotMultithreadedYet();
   static void addPerThreadInitializer(PerThreadInitializer function);
+  // In a forked child: the calling thread becomes the main thread's token, and its busy-time
+  // estimate starts afresh.
+  static void reinitializeAfterFork();
   static per_thread_state *perThreadScratch();
   // The OS's numeric id of the calling thread.
   static uint64_t osThreadId();

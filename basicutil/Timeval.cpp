@@ -1,12 +1,17 @@
 #include "basicutil/Timeval.h"
 
 #include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
+#include "basicutil/Logger.h"
+#include "basicutil/Str.h"
+#include "basicutil/Thread.h"
 #include "libzero/fatal-assert.h"
 
 namespace morvek {
@@ -166,5 +171,247 @@ double secondsDifference(const Timeval &a, const Timeval &b) {
 }
 
 void sleepMilliseconds(uint32_t ms) { usleep(ms * 1000u); }
+
+// ---------------------------------------------------------------------------------------------
+// MonotonicTime
+
+namespace {
+
+Logger monotonic_thread_logger("Thread");
+
+constexpr uint32_t MAX_SECS = 0xFFFFFFFFu;
+constexpr int32_t ONE_BILLION_AS_TVNSECS_TYPE = MonotonicTime::ONE_BILLION_AS_TVNSECS_TYPE;
+constexpr int32_t BILLION = ONE_BILLION_AS_TVNSECS_TYPE;
+
+// 0 until the decision is made; then read without a lock.
+std::atomic<int> clock_decision{0};
+
+MonotonicTime::ClockDecision computeClockDecision() {
+  struct timespec ts;
+  bool works = clock_gettime(CLOCK_MONOTONIC, &ts) == 0;
+  return MonotonicTime::decideClock(getenv("MORVEK_USE_MONOTONIC_CLOCK"), works);
+}
+
+struct TimespecDifference {
+  uint32_t sec;
+  unsigned nsec;
+};
+
+// The later minus the earlier; true when a is the earlier one.
+bool subtract_timespec(const MonotonicTime &a, const MonotonicTime &b, TimespecDifference *rvp) {
+  bool a_earlier = a < b;
+  const MonotonicTime &later = a_earlier ? b : a;
+  const MonotonicTime &earlier = a_earlier ? a : b;
+  uint32_t sec = later._ts.tv_sec - earlier._ts.tv_sec;
+  int64_t nsec = static_cast<int64_t>(later._ts.tv_nsec) - earlier._ts.tv_nsec;
+  if (nsec < 0) {
+    nsec += BILLION;
+    sec -= 1;
+  }
+  rvp->sec = sec;
+  rvp->nsec = static_cast<unsigned>(nsec);
+  MV_ASSERT(rvp->nsec < (unsigned)ONE_BILLION_AS_TVNSECS_TYPE);
+  return a_earlier;
+}
+
+DurationDescription makeDescription(const char *unit, bool negative, bool is_integer,
+                                    uint64_t integer, double value) {
+  DurationDescription d;
+  d.unit = unit;
+  d.unit_len = strlen(unit);
+  d.negative = negative;
+  d.is_integer = is_integer;
+  if (is_integer) {
+    d.value = integer;
+  } else {
+    memcpy(&d.value, &value, sizeof d.value);
+  }
+  return d;
+}
+
+}  // namespace
+
+double DurationDescription::asDouble() const {
+  if (is_integer) return static_cast<double>(value);
+  double d;
+  memcpy(&d, &value, sizeof d);
+  return d;
+}
+
+MonotonicTime::ClockDecision MonotonicTime::decideClock(const char *env_value,
+                                                        bool monotonic_clock_works) {
+  if (env_value != nullptr && env_value[0] != '\0' && strchr("FNfn0", env_value[0]) != nullptr) {
+    return CLOCK_MONOTONIC_DISABLED;
+  }
+  return monotonic_clock_works ? CLOCK_MONOTONIC_IN_USE : CLOCK_MONOTONIC_UNAVAILABLE;
+}
+
+MonotonicTime::ClockDecision MonotonicTime::clockDecision() {
+  int d = clock_decision.load(std::memory_order_relaxed);
+  if (__builtin_expect(d != 0, 1)) return static_cast<ClockDecision>(d);
+  static const ClockDecision decided = computeClockDecision();
+  clock_decision.store(decided, std::memory_order_relaxed);
+  return decided;
+}
+
+MonotonicTime MonotonicTime::now() {
+  struct timespec ts;
+  if (clockDecision() == CLOCK_MONOTONIC_IN_USE) {
+    if (clock_gettime(CLOCK_MONOTONIC, &ts) != 0) {
+      threadFatalError("clock_gettime(CLOCK_MONOTONIC)", errno);
+    }
+  } else if (clock_gettime(CLOCK_REALTIME, &ts) != 0) {
+    // The fall-back is the wall clock, not a steady one.
+    threadFatalError("clock_gettime(CLOCK_REALTIME)", errno);
+  }
+  return MonotonicTime(static_cast<uint32_t>(ts.tv_sec), static_cast<int32_t>(ts.tv_nsec));
+}
+
+MonotonicTime &MonotonicTime::addSeconds(uint32_t n) {
+  if (static_cast<uint32_t>(n + n) < n) return *this = highest();
+  _ts.tv_sec += n;
+  return *this;
+}
+
+MonotonicTime &MonotonicTime::addMilliseconds(uint64_t n) {
+  if (n > MAX_ADD_MILLISECONDS) return *this = highest();
+  uint32_t secs = static_cast<uint32_t>(n / 1000);
+  if (_ts.tv_sec > MAX_SECS - secs) return *this = highest();
+  _ts.tv_sec += secs;
+  _ts.tv_nsec += static_cast<int32_t>(n % 1000) * 1000000;
+  if (_ts.tv_nsec >= ONE_BILLION_AS_TVNSECS_TYPE) {
+    MV_ASSERT(_ts.tv_nsec < 2 * ONE_BILLION_AS_TVNSECS_TYPE);
+    if (_ts.tv_sec == MAX_SECS) return *this = highest();
+    _ts.tv_sec += 1;
+    _ts.tv_nsec -= ONE_BILLION_AS_TVNSECS_TYPE;
+  }
+  return *this;
+}
+
+MonotonicTime &MonotonicTime::addNanoseconds(uint64_t n) {
+  if (n > MAX_ADD_NANOSECONDS) return *this = highest();
+  uint32_t secs = static_cast<uint32_t>(n / BILLION);
+  if (_ts.tv_sec > MAX_SECS - secs) return *this = highest();
+  _ts.tv_sec += secs;
+  _ts.tv_nsec += static_cast<int32_t>(n % BILLION);
+  if (_ts.tv_nsec >= ONE_BILLION_AS_TVNSECS_TYPE) {
+    MV_ASSERT(_ts.tv_nsec < 2 * ONE_BILLION_AS_TVNSECS_TYPE);
+    if (_ts.tv_sec == MAX_SECS) return *this = highest();
+    _ts.tv_sec += 1;
+    _ts.tv_nsec -= ONE_BILLION_AS_TVNSECS_TYPE;
+  }
+  return *this;
+}
+
+MonotonicTime &MonotonicTime::subtractSeconds(uint32_t n) {
+  if (_ts.tv_sec < n) return *this = lowest();
+  _ts.tv_sec -= n;
+  return *this;
+}
+
+MonotonicTime &MonotonicTime::subtractMilliseconds(uint64_t n) {
+  if (n > MAX_ADD_MILLISECONDS) return *this = lowest();
+  uint32_t secs = static_cast<uint32_t>(n / 1000);
+  if (_ts.tv_sec < secs) return *this = lowest();
+  _ts.tv_sec -= secs;
+  _ts.tv_nsec -= static_cast<int32_t>(n % 1000) * 1000000;
+  if (_ts.tv_nsec < 0) {
+    MV_ASSERT(_ts.tv_nsec >= -ONE_BILLION_AS_TVNSECS_TYPE);
+    if (_ts.tv_sec == 0) return *this = lowest();
+    _ts.tv_sec -= 1;
+    _ts.tv_nsec += ONE_BILLION_AS_TVNSECS_TYPE;
+  }
+  return *this;
+}
+
+MonotonicTime &MonotonicTime::subtractNanoseconds(uint64_t n) {
+  if (n > MAX_ADD_NANOSECONDS) return *this = lowest();
+  uint32_t secs = static_cast<uint32_t>(n / BILLION);
+  if (_ts.tv_sec < secs) return *this = lowest();
+  _ts.tv_sec -= secs;
+  _ts.tv_nsec -= static_cast<int32_t>(n % BILLION);
+  if (_ts.tv_nsec < 0) {
+    MV_ASSERT(_ts.tv_nsec >= -ONE_BILLION_AS_TVNSECS_TYPE);
+    if (_ts.tv_sec == 0) return *this = lowest();
+    _ts.tv_sec -= 1;
+    _ts.tv_nsec += ONE_BILLION_AS_TVNSECS_TYPE;
+  }
+  return *this;
+}
+
+double MonotonicTime::differenceInSeconds(const MonotonicTime &a, const MonotonicTime &b) {
+  TimespecDifference diff;
+  bool negative = subtract_timespec(a, b, &diff);
+  double d = static_cast<double>(diff.sec) + diff.nsec * 1e-9;
+  return negative ? -d : d;
+}
+
+int64_t MonotonicTime::differenceInMilliseconds(const MonotonicTime &a, const MonotonicTime &b) {
+  TimespecDifference diff;
+  bool negative = subtract_timespec(a, b, &diff);
+  int64_t ms = static_cast<int64_t>(diff.sec) * 1000 + diff.nsec / 1000000;
+  return negative ? -ms : ms;
+}
+
+DurationDescription MonotonicTime::describeDifference(const MonotonicTime &a,
+                                                      const MonotonicTime &b) {
+  TimespecDifference diff;
+  bool negative = subtract_timespec(a, b, &diff);
+  double d = static_cast<double>(diff.sec) + diff.nsec * 1e-9;
+  uint64_t total_ns = static_cast<uint64_t>(diff.sec) * BILLION + diff.nsec;
+  if (d > 8000.0) return makeDescription(" hours", negative, false, 0, d / 3600.0);
+  if (d > 3.0) return makeDescription(" seconds", negative, false, 0, d);
+  if (d > 0.003) {
+    bool whole = a._ts.tv_nsec % 1000000 == 0 && b._ts.tv_nsec % 1000000 == 0;
+    return makeDescription(" milliseconds", negative, whole, total_ns / 1000000, d * 1000.0);
+  }
+  if (d > 0.000003) {
+    bool whole = a._ts.tv_nsec % 1000 == 0 && b._ts.tv_nsec % 1000 == 0;
+    return makeDescription(" microseconds", negative, whole, total_ns / 1000, d * 1e6);
+  }
+  return makeDescription(" nanoseconds", negative, true, total_ns, 0);
+}
+
+DurationDescription MonotonicTime::describeSince(const MonotonicTime &a) {
+  return describeDifference(now(), a);
+}
+
+void MonotonicTime::appendTo(Str &out) const {
+  out.appendf("%lld.%09u", static_cast<long long>(_ts.tv_sec), static_cast<unsigned>(_ts.tv_nsec));
+}
+
+void MonotonicTime::logWhetherMonotonicClockIsUsed(Logger &logger) {
+  const char *text = nullptr;
+  switch (clockDecision()) {
+    case CLOCK_MONOTONIC_IN_USE:
+      text = "using CLOCK_MONOTONIC";
+      logger.info("%s", text);
+      break;
+    case CLOCK_MONOTONIC_DISABLED:
+      text = "CLOCK_MONOTONIC support explicitly disabled";
+      logger.warn("%s", text);
+      break;
+    case CLOCK_MONOTONIC_UNAVAILABLE:
+      text = "CLOCK_MONOTONIC support not available";
+      logger.warn("%s", text);
+      break;
+    default:
+      MV_ASSERT(0);
+  }
+  // CRASH-NOTE HOOK: the same text becomes a process-wide crash log note once notes exist.
+  (void)text;
+}
+
+void MonotonicTime::reinitializeAfterFork() {
+  Thread::assertNotMultithreadedYet();
+  if (clockDecision() == CLOCK_MONOTONIC_IN_USE) {
+    struct timespec ts;
+    if (clock_gettime(CLOCK_MONOTONIC, &ts) != 0) {
+      monotonic_thread_logger.fatal("Couldn't reinitialize MonotonicTime after fork()!");
+      abort();
+    }
+  }
+  Thread::reinitializeAfterFork();
+}
 
 }  // namespace morvek

@@ -2,6 +2,8 @@
 // ends instead of wrapping.
 #pragma once
 
+#include <compare>
+#include <cstddef>
 #include <cstdint>
 
 namespace morvek {
@@ -85,5 +87,87 @@ double secondsDifference(const Timeval &a, const Timeval &b);
 // One usleep of ms * 1000 microseconds, the product taken in 32 bits (it wraps above 4294967 ms).
 // A sleep cut short by a signal is not resumed.
 void sleepMilliseconds(uint32_t ms);
+
+// ---------------------------------------------------------------------------------------------
+// Monotonic time: elapsed time from a steady clock where there is one, for intervals only.
+
+class Logger;
+class Str;
+
+// A difference of two times in words: the unit, and a value read as an integer or a double.
+struct DurationDescription {
+  const char *unit;
+  size_t unit_len;
+  uint64_t value;  // the bits of a double unless is_integer
+  bool negative;
+  bool is_integer;
+
+  double asDouble() const;
+};
+
+class MonotonicTime {
+ public:
+  static constexpr int32_t ONE_BILLION_AS_TVNSECS_TYPE = 1000000000;
+  static constexpr uint64_t MAX_ADD_MILLISECONDS = 4294967294999ull;
+  static constexpr uint64_t MAX_ADD_NANOSECONDS = 4294967294999999999ull;
+
+  // Which clock now() reads; decided once, at first use.
+  enum ClockDecision : int {
+    CLOCK_MONOTONIC_IN_USE = 1,
+    CLOCK_MONOTONIC_DISABLED = 2,
+    CLOCK_MONOTONIC_UNAVAILABLE = 3,
+  };
+
+  struct Fields {
+    uint32_t tv_sec;
+    int32_t tv_nsec;  // 0 to 999999999
+  };
+
+  constexpr MonotonicTime() : _ts{0, 0} {}
+  constexpr MonotonicTime(uint32_t sec, int32_t nsec) : _ts{sec, nsec} {}
+  static constexpr MonotonicTime lowest() { return MonotonicTime(0, 0); }
+  static constexpr MonotonicTime highest() { return MonotonicTime(0xFFFFFFFFu, 999999999); }
+
+  static MonotonicTime now();
+  static ClockDecision clockDecision();
+  // The same classification the decision makes of MORVEK_USE_MONOTONIC_CLOCK.
+  static ClockDecision decideClock(const char *env_value, bool monotonic_clock_works);
+
+  uint32_t seconds() const { return _ts.tv_sec; }
+  int32_t nanoseconds() const { return _ts.tv_nsec; }
+
+  // Saturating at both ends, except that addSeconds wraps a sum that overflows 32 bits unless
+  // the argument itself is 0x80000000 or more: kept as it always behaved.
+  MonotonicTime &addSeconds(uint32_t n);
+  MonotonicTime &addMilliseconds(uint64_t n);
+  MonotonicTime &addNanoseconds(uint64_t n);
+  MonotonicTime &subtractSeconds(uint32_t n);
+  MonotonicTime &subtractMilliseconds(uint64_t n);
+  MonotonicTime &subtractNanoseconds(uint64_t n);
+
+  friend bool operator==(const MonotonicTime &a, const MonotonicTime &b) {
+    return a._ts.tv_sec == b._ts.tv_sec && a._ts.tv_nsec == b._ts.tv_nsec;
+  }
+  friend auto operator<=>(const MonotonicTime &a, const MonotonicTime &b) {
+    if (auto c = a._ts.tv_sec <=> b._ts.tv_sec; c != 0) return c;
+    return a._ts.tv_nsec <=> b._ts.tv_nsec;
+  }
+
+  // a minus b; negative when a is earlier.
+  static double differenceInSeconds(const MonotonicTime &a, const MonotonicTime &b);
+  static int64_t differenceInMilliseconds(const MonotonicTime &a, const MonotonicTime &b);
+  static DurationDescription describeDifference(const MonotonicTime &a, const MonotonicTime &b);
+  static DurationDescription describeSince(const MonotonicTime &a);
+
+  // "%lld.%09u": seconds, then nanoseconds.
+  void appendTo(Str &out) const;
+
+  // INFO when the steady clock is in use, WARN when it is not.
+  static void logWhetherMonotonicClockIsUsed(Logger &logger);
+  // For a forked child, before it starts any thread.
+  static void reinitializeAfterFork();
+
+  Fields _ts;
+};
 
 }  // namespace morvek

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -129,6 +130,33 @@ std::string makeTempDir() {
   std::string tmpl = std::string(base && *base ? base : "/tmp") + "/morvek-test-XXXXXX";
   if (mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp");
   return tmpl;
+}
+
+StderrCapture::StderrCapture() {
+  fflush(stderr);
+  _saved = dup(2);
+  char path[] = "/tmp/morvek-stderr-XXXXXX";
+  _fd = mkstemp(path);
+  if (_saved < 0 || _fd < 0) throw std::runtime_error("StderrCapture");
+  unlink(path);
+  dup2(_fd, 2);
+}
+
+StderrCapture::~StderrCapture() { finish(); }
+
+std::string StderrCapture::finish() {
+  std::string text;
+  if (_fd < 0) return text;
+  fflush(stderr);
+  dup2(_saved, 2);
+  close(_saved);
+  lseek(_fd, 0, SEEK_SET);
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(_fd, buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
+  close(_fd);
+  _fd = -1;
+  return text;
 }
 
 }  // namespace testutil

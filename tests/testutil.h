@@ -4,9 +4,20 @@
 #include <sys/types.h>
 
 #include <string>
+
+#include "libzero/create-crash-dump.h"
 #include <vector>
 
 namespace testutil {
+
+// A crash-log writer that keeps what is written, for checking renderings.
+struct CollectingWriter {
+  crash_log_writer handle{&CollectingWriter::write};
+  std::string text;
+  static void write(crash_log_writer *h, const char *bytes, size_t len) {
+    reinterpret_cast<CollectingWriter *>(h)->text.append(bytes, len);
+  }
+};
 
 struct ChildProcess {
   pid_t pid = -1;
@@ -33,5 +44,18 @@ bool readLine(int fd, std::string &line, int timeout_ms);
 int waitWithTimeout(pid_t pid, int timeout_ms);
 
 std::string makeTempDir();
+
+// Sends descriptor 2 to an unlinked temporary file until finish(), which restores it and returns
+// what was written.
+class StderrCapture {
+ public:
+  StderrCapture();
+  ~StderrCapture();
+  std::string finish();
+
+ private:
+  int _saved = -1;
+  int _fd = -1;
+};
 
 }  // namespace testutil

@@ -1,6 +1,8 @@
 #include "basicutil/Thread.h"
 
 #include <gtest/gtest.h>
+
+#include "testutil.h"
 #include <pthread.h>
 
 #include <atomic>
@@ -208,13 +210,7 @@ TEST(ThreadSchedNames, RoundTripAndRejectOthers) {
   EXPECT_EQ(policy, SCHED_RR);
 }
 
-struct CollectingWriter {
-  crash_log_writer handle{&CollectingWriter::write};
-  std::string text;
-  static void write(crash_log_writer *h, const char *bytes, size_t len) {
-    reinterpret_cast<CollectingWriter *>(h)->text.append(bytes, len);
-  }
-};
+using testutil::CollectingWriter;
 
 TEST(ThreadCrashNotation, DescribesTheThread) {
   ThreadFunction t([] {}, "noted");
@@ -262,8 +258,8 @@ TEST(ThreadWrappers, WaitRelativeTimesOutOrSeesSignal) {
   morvek::PthreadMutex m;
   morvek::PthreadCondition c;
   m.lock();
-  EXPECT_FALSE(c.waitRelative(m, 0, 0));
-  EXPECT_FALSE(c.waitRelative(m, 0, 20000000));
+  EXPECT_FALSE(c.waitRelative(m, morvek::MonotonicTime(0, 0)));
+  EXPECT_FALSE(c.waitRelative(m, morvek::MonotonicTime(0, 20000000)));
   m.unlock();
   std::atomic<bool> waiting{false};
   bool signalled = false;
@@ -271,7 +267,7 @@ TEST(ThreadWrappers, WaitRelativeTimesOutOrSeesSignal) {
       [&] {
         m.lock();
         waiting = true;
-        signalled = c.waitRelative(m, 30, 0);
+        signalled = c.waitRelative(m, morvek::MonotonicTime(30, 0));
         m.unlock();
       },
       "waiter");

@@ -1,0 +1,321 @@
+// The one-byte lock: direct FIFO hand-off among sleepers, bytes sharing a chain, the race of a
+// sleeper with an unlock, the renderings, and mutual exclusion under load.
+#include "basicutil/MutexByte.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "testutil.h"
+#include <sched.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using morvek::MutexByte;
+using morvek::per_thread_state;
+using morvek::qmutex;
+using morvek::ThreadFunction;
+
+namespace {
+
+using testutil::CollectingWriter;
+
+template <typename F>
+std::string render(F f) {
+  CollectingWriter cw;
+  morvek::CrashLogWriter w(&cw.handle);
+  f(w);
+  return cw.text;
+}
+
+// Sleepers linked on the chain for this byte, counted under the chain's mutex.
+int sleepersOn(MutexByte::Chain &chain, const MutexByte &byte) {
+  chain.mutex.lock();
+  int n = 0;
+  for (per_thread_state *p = chain.head; p != nullptr; p = p->_u.s.nextOnChain) {
+    if (p->_u.s.waitingOn == &byte) ++n;
+  }
+  chain.mutex.unlock();
+  return n;
+}
+
+void waitForSleepers(MutexByte::Chain &chain, const MutexByte &byte, int n) {
+  while (sleepersOn(chain, byte) < n) sched_yield();
+}
+
+// A thread that takes the lock, notes its turn and the byte it saw, and lets go.
+struct Locker {
+  std::unique_ptr<ThreadFunction> thread;
+  Locker(qmutex &q, std::vector<int> &order, std::vector<int> &states, int id) {
+    thread = std::make_unique<ThreadFunction>(
+        [&q, &order, &states, id] {
+          q.lock();
+          order.push_back(id);
+          states.push_back(q._byte.state());
+          q.unlock();
+        },
+        "locker");
+    thread->go();
+  }
+};
+
+TEST(MutexByteHandOff, SleepersGetTheLockInArrivalOrder) {
+  qmutex q;
+  std::vector<int> order, states;
+  std::vector<std::unique_ptr<Locker>> lockers;
+  q.lock();
+  for (int id = 1; id <= 5; ++id) {
+    lockers.push_back(std::make_unique<Locker>(q, order, states, id));
+    waitForSleepers(q, q._byte, id);  // id sleeps before id + 1 starts
+  }
+  EXPECT_EQ(q._byte.state(), 3);
+  q.unlock();
+  for (auto &l : lockers) l->thread->join();
+  EXPECT_THAT(order, testing::ElementsAre(1, 2, 3, 4, 5));
+  // The byte stays contended while anybody is still asleep, and is plain locked for the last.
+  EXPECT_THAT(states, testing::ElementsAre(3, 3, 3, 3, 1));
+  EXPECT_EQ(q._byte.state(), 0);
+  EXPECT_EQ(render([&](morvek::CrashLogWriter &w) { q.writeDebug(w); }),
+            "qmutex{unlocked, MutexByte-chain={empty}}");
+}
+
+TEST(MutexByteHandOff, ByteIsNeverUnlockedBetweenHolders) {
+  qmutex q;
+  std::atomic<bool> got{false}, watching{true}, saw_zero{false}, release{false};
+  q.lock();
+  ThreadFunction sleeper(
+      [&] {
+        q.lock();
+        got = true;
+        while (!release) sched_yield();
+        q.unlock();
+      },
+      "sleeper");
+  sleeper.go();
+  waitForSleepers(q, q._byte, 1);
+  ThreadFunction watcher(
+      [&] {
+        while (watching) {
+          if (q._byte.state() == 0) saw_zero = true;
+        }
+      },
+      "watcher");
+  watcher.go();
+  q.unlock();
+  while (!got) sched_yield();
+  watching = false;
+  watcher.join();
+  EXPECT_FALSE(saw_zero);
+  EXPECT_EQ(q._byte.state(), MutexByte::STATE_LOCKED);
+  release = true;
+  sleeper.join();
+}
+
+TEST(MutexByteChain, TwoBytesShareOneChain) {
+  MutexByte::Chain chain;
+  MutexByte x, y;
+  std::vector<std::string> order;
+  x.lock(&chain);
+  y.lock(&chain);
+  std::vector<std::unique_ptr<ThreadFunction>> threads;
+  auto start = [&](MutexByte &b, const char *tag) {
+    threads.push_back(std::make_unique<ThreadFunction>(
+        [&b, &chain, &order, tag] {
+          b.lock(&chain);
+          order.push_back(tag);
+          b.unlock(&chain);
+        },
+        tag));
+    threads.back()->go();
+  };
+  // Interleaved: x1 y1 x2 y2.
+  start(x, "x1");
+  waitForSleepers(chain, x, 1);
+  start(y, "y1");
+  waitForSleepers(chain, y, 1);
+  start(x, "x2");
+  waitForSleepers(chain, x, 2);
+  start(y, "y2");
+  waitForSleepers(chain, y, 2);
+
+  // y's unlock skips the x sleepers in front; y2, the last entry, leaves tailp on x2's link.
+  y.unlock(&chain);
+  threads[1]->join();
+  threads[3]->join();
+  EXPECT_THAT(order, testing::ElementsAre("y1", "y2"));
+  EXPECT_EQ(y.state(), 0);
+  EXPECT_EQ(sleepersOn(chain, x), 2);
+  chain.mutex.lock();
+  per_thread_state *second = chain.head->_u.s.nextOnChain;
+  bool tail_right = second != nullptr && chain.tailp == &second->_u.s.nextOnChain;
+  chain.mutex.unlock();
+  EXPECT_TRUE(tail_right);
+  x.unlock(&chain);
+  threads[0]->join();
+  threads[2]->join();
+  EXPECT_THAT(order, testing::ElementsAre("y1", "y2", "x1", "x2"));
+  EXPECT_EQ(chain.head, nullptr);
+  EXPECT_EQ(chain.tailp, &chain.head);
+}
+
+TEST(MutexByteSleep, SleepThatLosesTheRaceUndoesItsEntry) {
+  qmutex q;
+  per_thread_state *me = morvek::Thread::perThreadScratch();
+  ASSERT_NE(me, nullptr);
+  // Unlocked meanwhile: the compare-and-swap from "locked" fails.
+  EXPECT_FALSE(q._byte.attemptSleep(&q, MutexByte::STATE_LOCKED));
+  EXPECT_EQ(q._byte.state(), 0);
+  // Held but without sleepers, where the caller saw sleepers.
+  ASSERT_TRUE(q.tryLock());
+  EXPECT_FALSE(q._byte.attemptSleep(&q, MutexByte::STATE_LOCKED | MutexByte::STATE_HAS_SLEEPERS));
+  EXPECT_EQ(q._byte.state(), MutexByte::STATE_LOCKED);
+  EXPECT_EQ(q.head, nullptr);
+  EXPECT_EQ(q.tailp, &q.head);
+  EXPECT_EQ(me->_u.s.waitingOn, nullptr);
+  EXPECT_EQ(q._byte.shortSpin(), MutexByte::STATE_LOCKED);  // the budget runs out
+  q.unlock();
+  EXPECT_EQ(q._byte.shortSpin(), 0);  // free: taken at once
+  EXPECT_EQ(q._byte.state(), MutexByte::STATE_LOCKED);
+  q.unlock();
+}
+
+TEST(MutexByteSleep, BounceLetsTheLongestSleeperGoFirst) {
+  qmutex q;
+  std::vector<std::string> order;
+  q.lock();
+  ThreadFunction t(
+      [&] {
+        q.lock();
+        order.push_back("sleeper");
+        q.unlock();
+      },
+      "bounced-to");
+  t.go();
+  waitForSleepers(q, q._byte, 1);
+  q.bounceContended();  // returns once the sleeper has had its turn
+  order.push_back("holder");
+  EXPECT_EQ(q._byte.state(), MutexByte::STATE_LOCKED);
+  q.unlock();
+  t.join();
+  EXPECT_THAT(order, testing::ElementsAre("sleeper", "holder"));
+}
+
+TEST(MutexByteRendering, StatesChainsAndSleepers) {
+  const struct {
+    uint8_t state;
+    const char *text;
+  } states[] = {{0, "unlocked"},   {1, "LOCKED"},        {3, "LOCKED+CONTENDED"},
+                {2, "BAD(0x02)!"}, {0xAB, "BAD(0xAB)!"}, {4, "BAD(0x04)!"}};
+  for (const auto &s : states) {
+    EXPECT_EQ(render([&](morvek::CrashLogWriter &w) { MutexByte::writeState(w, s.state); }),
+              s.text);
+  }
+  MutexByte::Chain chain;
+  per_thread_state *fake = reinterpret_cast<per_thread_state *>(0x1000);
+  chain.head = fake;  // head set, tailp still says empty
+  std::string corrupt = render([&](morvek::CrashLogWriter &w) { chain.writeDebug(w); });
+  chain.head = nullptr;
+  EXPECT_THAT(corrupt, testing::MatchesRegex("MutexByte-chain=\\{head=0x1000, tailp=0x[0-9a-f]+, "
+                                             "CORRUPT\\}"));
+
+  per_thread_state *me = morvek::Thread::perThreadScratch();
+  EXPECT_EQ(render([&](morvek::CrashLogWriter &w) { MutexByte::writeWaiting(w, *me); }),
+            "MutexByte-waiting={none}");
+
+  // A real sleeper, and the main thread's description while it sleeps.
+  qmutex q;
+  q.lock();
+  std::atomic<per_thread_state *> sleeper_scratch{nullptr};
+  ThreadFunction t(
+      [&] {
+        sleeper_scratch = morvek::Thread::perThreadScratch();
+        q.lock();
+        q.unlock();
+      },
+      "renderee");
+  t.go();
+  waitForSleepers(q, q._byte, 1);
+  std::string waiting = render([&](morvek::CrashLogWriter &w) {
+    q.mutex.lock();
+    MutexByte::writeWaiting(w, *sleeper_scratch.load());
+    w.write(" ");
+    q.writeDebug(w);
+    q.mutex.unlock();
+  });
+  q.unlock();
+  t.join();
+  EXPECT_THAT(waiting, testing::MatchesRegex(
+                           "MutexByte-waiting=\\{0x[0-9a-f]+, LOCKED\\+CONTENDED\\} "
+                           "qmutex\\{LOCKED\\+CONTENDED, MutexByte-chain=\\{head=0x[0-9a-f]+, "
+                           "tailp=0x[0-9a-f]+\\}\\}"));
+}
+
+TEST(MutexByteDeath, ContentionOutsideTheThreadClassesStopsTheProcess) {
+  EXPECT_DEATH(
+      {
+        ThreadFunction first([] {}, "first");  // contention needs a started thread
+        first.go();
+        first.join();
+        qmutex q;
+        q.lock();
+        std::thread foreign([&] { q.lock(); });
+        foreign.join();
+      },
+      "Assertion failed: \\(thr != nullptr\\)");
+  EXPECT_DEATH(
+      {
+        qmutex q;
+        q.lock();
+        q.lock();  // before any thread: the only thread already holds it
+      },
+      "Assertion failed: \\(have_already_started_threads\\)");
+  EXPECT_DEATH(
+      {
+        qmutex q;
+        q.unlock();
+      },
+      "Fatal thread error: MutexByte::assertIsLockedAndHasSleepersFailed\\(\\): Success; 1 "
+      "threads active, in MainThread");
+}
+
+#if defined(__SANITIZE_THREAD__)
+constexpr int STRESS_PAIRS = 50000;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr int STRESS_PAIRS = 50000;
+#else
+constexpr int STRESS_PAIRS = 250000;
+#endif
+#else
+constexpr int STRESS_PAIRS = 250000;
+#endif
+
+TEST(MutexByteStress, EightThreadsKeepAPlainCounterExact) {
+  qmutex q;
+  long counter = 0;  // plain: only the lock makes the increments safe
+  std::atomic<int> ready{0};
+  std::vector<std::unique_ptr<ThreadFunction>> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.push_back(std::make_unique<ThreadFunction>(
+        [&] {
+          ++ready;
+          while (ready < 8) sched_yield();
+          for (int k = 0; k < STRESS_PAIRS; ++k) {
+            q.lock();
+            long v = counter;
+            counter = v + 1;
+            q.unlock();
+          }
+        },
+        "stress"));
+  }
+  for (auto &t : threads) t->go();
+  for (auto &t : threads) t->join();
+  EXPECT_EQ(counter, 8L * STRESS_PAIRS);
+  EXPECT_EQ(q._byte.state(), 0);
+}
+
+}  // namespace
