@@ -50,6 +50,11 @@ class Str : public std::string {
   operator StrSegment() const { return StrSegment(data(), size()); }
   StrSegment segment() const { return StrSegment(data(), size()); }
 
+  // Formats into a new Str: Str s(Str::FORMAT, "%d items", n).
+  struct FormatTag {};
+  static constexpr FormatTag FORMAT{};
+  Str(FormatTag, const char *format, ...) __attribute__((format(printf, 3, 4)));
+
   // Printf-style formatting; printf replaces the contents, appendf appends.
   Str &printf(const char *format, ...) __attribute__((format(printf, 2, 3)));
   Str &appendf(const char *format, ...) __attribute__((format(printf, 2, 3)));
