@@ -95,7 +95,8 @@ struct PrintfFormatAtom {
     MV_ASSERT(conversion == CONV_CONSTANT_STRING);
     return StrSegment(text, text_len);
   }
-  // Arguments the atom consumes, the "*" ones included.
+  // Arguments the atom accounts for: one for any conversion (%m too, though it reads none), and
+  // one for each "*".
   unsigned argumentCount() const {
     return (isConstant() ? 0u : 1u) + ((flags & FLAG_VARIABLE_WIDTH) ? 1u : 0u) +
            ((flags & FLAG_VARIABLE_PRECISION) ? 1u : 0u);
