@@ -790,11 +790,11 @@ size_t PrintfFormat::argumentCount() const {
   return n;
 }
 
-void PrintfFormat::render(Str &out, ...) const {
+void PrintfFormat::renderTo(Str *out, ...) const {
   int saved_errno = errno;
   va_list ap;
   va_start(ap, out);
-  vrender(out, ap, saved_errno);
+  vrender(*out, ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }

@@ -131,13 +131,18 @@ class PrintfFormat {
   const std::vector<PrintfFormatAtom> &atoms() const { return _atoms; }
   size_t argumentCount() const;
 
-  void render(Str &out, ...) const;
+  template <class... Args>
+  void render(Str &out, Args... args) const {
+    renderTo(&out, args...);
+  }
   void vrender(Str &out, va_list ap, int saved_errno = PRINTF_CURRENT_ERRNO) const;
   void vrenderToVector(StrVector &out, va_list ap, int saved_errno = PRINTF_CURRENT_ERRNO) const;
   void vrenderToCrashLog(crash_log_write_handle *writer, va_list ap,
                          int saved_errno = PRINTF_CURRENT_ERRNO) const noexcept;
 
  private:
+  void renderTo(Str *out, ...) const;
+
   std::shared_ptr<const char[]> _text;
   std::vector<PrintfFormatAtom> _atoms;
 };
@@ -252,6 +257,7 @@ namespace printf_detail {
 struct MemoryWriter {
   char *p;
   void write(const char *d, size_t n) {
+    if (n == 0) return;  // d may be null then
     memcpy(p, d, n);
     p += n;
   }
