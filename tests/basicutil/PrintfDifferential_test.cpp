@@ -173,7 +173,7 @@ TEST_F(Differential, Integers) {
     s.length = lengths[pick(11)];
     int64_t v = coin(3) ? edges[pick(sizeof edges / sizeof edges[0])]
                         : static_cast<int64_t>(bits() >> pick(64));
-    if (coin(2)) v = -v;
+    if (coin(2)) v = static_cast<int64_t>(0 - static_cast<uint64_t>(v));
     bool wide = s.length != "" && s.length != "h" && s.length != "hh";
     int iv = static_cast<int>(v);
     std::string fmt = s.format();
