@@ -15,88 +15,25 @@ const char DECIMAL_DIGIT_PAIRS[200] = {
     '5', '8', '6', '8', '7', '8', '8', '8', '9', '9', '0', '9', '1', '9', '2', '9', '3', '9', '4',
     '9', '5', '9', '6', '9', '7', '9', '8', '9', '9'};
 
-namespace {
-
-// Entry t is 10^t - 1: a value above it has more than t digits.
-constexpr uint64_t POW10_MINUS_1[20] = {0ull,
-                                        9ull,
-                                        99ull,
-                                        999ull,
-                                        9999ull,
-                                        99999ull,
-                                        999999ull,
-                                        9999999ull,
-                                        99999999ull,
-                                        999999999ull,
-                                        9999999999ull,
-                                        99999999999ull,
-                                        999999999999ull,
-                                        9999999999999ull,
-                                        99999999999999ull,
-                                        999999999999999ull,
-                                        9999999999999999ull,
-                                        99999999999999999ull,
-                                        999999999999999999ull,
-                                        9999999999999999999ull};
-
-template <class U>
-inline void writeDigitsBackward(char *end, U v) {
-  char *p = end;
-  while (v >= 100) {
-    unsigned pair = static_cast<unsigned>(v % 100) * 2;
-    v /= 100;
-    p -= 2;
-    p[0] = DECIMAL_DIGIT_PAIRS[pair];
-    p[1] = DECIMAL_DIGIT_PAIRS[pair + 1];
-  }
-  if (v >= 10) {
-    unsigned pair = static_cast<unsigned>(v) * 2;
-    p -= 2;
-    p[0] = DECIMAL_DIGIT_PAIRS[pair];
-    p[1] = DECIMAL_DIGIT_PAIRS[pair + 1];
-  } else {
-    *--p = static_cast<char>('0' + v);
-  }
-}
-
-}  // namespace
-
-unsigned decimalDigitCountU32(uint32_t v) {
-  if (v < 10) return 1;
-  // The bit length gives the digit count to within one; the table settles it.
-  unsigned t = static_cast<unsigned>((__builtin_clz(v) * -19 + 653) >> 6);
-  return t + (v > POW10_MINUS_1[t] ? 1 : 0);
-}
-
-unsigned decimalDigitCountU64(uint64_t v) {
-  if (v < 10) return 1;
-  unsigned t = static_cast<unsigned>((__builtin_clzll(v) * -19 + 1261) >> 6);
-  return t + (v > POW10_MINUS_1[t] ? 1 : 0);
-}
-
-size_t writeDecimalU32(char *dst, uint32_t v) {
-  unsigned n = decimalDigitCountU32(v);
-  writeDigitsBackward(dst + n, v);
-  return n;
-}
-
-size_t writeDecimalU64(char *dst, uint64_t v) {
-  if (v <= UINT32_MAX) return writeDecimalU32(dst, static_cast<uint32_t>(v));
-  unsigned n = decimalDigitCountU64(v);
-  writeDigitsBackward(dst + n, v);
-  return n;
-}
-
-size_t writeDecimalI32(char *dst, int32_t v) {
-  if (v >= 0) return writeDecimalU32(dst, static_cast<uint32_t>(v));
-  *dst = '-';
-  return 1 + writeDecimalU32(dst + 1, 0u - static_cast<uint32_t>(v));
-}
-
-size_t writeDecimalI64(char *dst, int64_t v) {
-  if (v >= 0) return writeDecimalU64(dst, static_cast<uint64_t>(v));
-  *dst = '-';
-  return 1 + writeDecimalU64(dst + 1, 0ull - static_cast<uint64_t>(v));
-}
+const uint64_t DECIMAL_POW10_MINUS_1[20] = {0ull,
+                                            9ull,
+                                            99ull,
+                                            999ull,
+                                            9999ull,
+                                            99999ull,
+                                            999999ull,
+                                            9999999ull,
+                                            99999999ull,
+                                            999999999ull,
+                                            9999999999ull,
+                                            99999999999ull,
+                                            999999999999ull,
+                                            9999999999999ull,
+                                            99999999999999ull,
+                                            999999999999999ull,
+                                            9999999999999999ull,
+                                            99999999999999999ull,
+                                            999999999999999999ull,
+                                            9999999999999999999ull};
 
 }  // namespace morvek

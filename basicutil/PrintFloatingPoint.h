@@ -160,7 +160,6 @@ void emit(W &w, const PrintfRenderedExponentialFloat &r) {
 
 template <class W>
 void emitGroupedInteger(W &w, const char *digits, size_t n, size_t z) {
-  static const char ZEROS[3] = {'0', '0', '0'};
   size_t chunk = print_with_commas_first_chunk_size(n, z, digits[0]);
   size_t at = 0;  // position in the n + z digit run
   size_t total = n + z;
@@ -172,9 +171,9 @@ void emitGroupedInteger(W &w, const char *digits, size_t n, size_t z) {
     if (at < n) {
       size_t from_digits = (end <= n ? end : n) - at;
       w.write(digits + at, from_digits);
-      if (end > n) w.write(ZEROS, end - n);
+      if (end > n) w.fill('0', end - n);
     } else {
-      w.write(ZEROS, chunk);
+      w.fill('0', chunk);
     }
     at = end;
     chunk = 3;

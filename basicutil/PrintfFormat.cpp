@@ -388,15 +388,15 @@ void append_stringified(Str &out, const PrintfFormatAtom &atom) {
 
 // ---- Integers and pointers ----
 
+// At most 20 digits go in, and callers start with room for them, so the check can follow.
 void PrintfDigitBuffer::addU64(uint64_t v) {
-  // Room is checked before writing: the buffer has no slack behind it.
-  MV_ASSERT(_p + decimalDigitCountU64(v) <= &_buf[sizeof(_buf)]);
   _p += writeDecimalU64(_p, v);
+  MV_ASSERT(_p <= &_buf[sizeof(_buf)]);
 }
 
 void PrintfDigitBuffer::addU32(uint32_t v) {
-  MV_ASSERT(_p + decimalDigitCountU32(v) <= &_buf[sizeof(_buf)]);
   _p += writeDecimalU32(_p, v);
+  MV_ASSERT(_p <= &_buf[sizeof(_buf)]);
 }
 
 void PrintfDigitBuffer::addCommaSeparators() {
@@ -651,12 +651,28 @@ __attribute__((noinline)) void renderErrno(Sink &sink, const PrintfFormatAtom &a
   sink.put(PrintfRenderedText(atom, msg, n));
 }
 
-// The atom is a copy: the "*" arguments are filled into it.
 template <class Sink>
-inline void renderAtom(Sink &sink, PrintfFormatAtom atom, va_list *ap, int saved_errno) {
-  if (atom.flags & PrintfFormatAtom::FLAG_VARIABLE_WIDTH) atom.setVariableWidth(va_arg(*ap, int));
-  if (atom.flags & PrintfFormatAtom::FLAG_VARIABLE_PRECISION)
-    atom.setVariablePrecision(va_arg(*ap, int));
+inline void renderAtom(Sink &sink, const PrintfFormatAtom &atom, va_list *ap, int saved_errno);
+
+// The "*" arguments are filled into a copy; the common case copies nothing.
+template <class Sink>
+__attribute__((noinline)) void renderVariableAtom(Sink &sink, const PrintfFormatAtom &atom,
+                                                  va_list *ap, int saved_errno) {
+  PrintfFormatAtom filled = atom;
+  if (filled.flags & PrintfFormatAtom::FLAG_VARIABLE_WIDTH)
+    filled.setVariableWidth(va_arg(*ap, int));
+  if (filled.flags & PrintfFormatAtom::FLAG_VARIABLE_PRECISION)
+    filled.setVariablePrecision(va_arg(*ap, int));
+  renderAtom(sink, filled, ap, saved_errno);
+}
+
+template <class Sink>
+inline void renderAtom(Sink &sink, const PrintfFormatAtom &atom, va_list *ap, int saved_errno) {
+  if (atom.flags &
+      (PrintfFormatAtom::FLAG_VARIABLE_WIDTH | PrintfFormatAtom::FLAG_VARIABLE_PRECISION)) {
+    renderVariableAtom(sink, atom, ap, saved_errno);
+    return;
+  }
   switch (atom.conversion) {
     case PrintfFormatAtom::CONV_CONSTANT_STRING:
       sink.constant(atom.text, atom.text_len);
@@ -715,21 +731,34 @@ inline void renderAtom(Sink &sink, PrintfFormatAtom atom, va_list *ap, int saved
   MV_ASSERT(atom.conversion <= PrintfFormatAtom::CONV_POINTER);
 }
 
+// The walks read the caller's own list through a pointer. The variadic entry points hand in the
+// list they started; copying it first would cost a store-forwarding stall on every call.
 template <class Sink>
-void walkFormat(Sink &sink, StrSegment format, va_list ap, int saved_errno) {
+void walkFormat(Sink &sink, StrSegment format, va_list *ap, int saved_errno) {
+  PrintfFormatAtom atom;
+  while (atom.getNext(format, PRINTF_OPT_DEFAULT)) renderAtom(sink, atom, ap, saved_errno);
+}
+
+template <class Sink>
+void walkAtoms(Sink &sink, const std::vector<PrintfFormatAtom> &atoms, va_list *ap,
+               int saved_errno) {
+  for (const PrintfFormatAtom &atom : atoms) renderAtom(sink, atom, ap, saved_errno);
+}
+
+template <class Sink>
+void walkAtomsCopy(Sink &sink, const std::vector<PrintfFormatAtom> &atoms, va_list ap,
+                   int saved_errno) {
   va_list copy;
   va_copy(copy, ap);
-  PrintfFormatAtom atom;
-  while (atom.getNext(format, PRINTF_OPT_DEFAULT)) renderAtom(sink, atom, &copy, saved_errno);
+  walkAtoms(sink, atoms, &copy, saved_errno);
   va_end(copy);
 }
 
 template <class Sink>
-void walkAtoms(Sink &sink, const std::vector<PrintfFormatAtom> &atoms, va_list ap,
-               int saved_errno) {
+void walkFormatCopy(Sink &sink, StrSegment format, va_list ap, int saved_errno) {
   va_list copy;
   va_copy(copy, ap);
-  for (const PrintfFormatAtom &atom : atoms) renderAtom(sink, atom, &copy, saved_errno);
+  walkFormat(sink, format, &copy, saved_errno);
   va_end(copy);
 }
 
@@ -737,19 +766,20 @@ void walkAtoms(Sink &sink, const std::vector<PrintfFormatAtom> &atoms, va_list a
 
 void vappendPrintf(Str &out, StrSegment format, va_list ap, int saved_errno) {
   StrSink sink{out};
-  walkFormat(sink, format, ap, saved_errno);
+  walkFormatCopy(sink, format, ap, saved_errno);
 }
 
 void vappendPrintfToVector(StrVector &out, StrSegment format, va_list ap, int saved_errno) {
   StrVectorSink sink{out};
-  walkFormat(sink, format, ap, saved_errno);
+  walkFormatCopy(sink, format, ap, saved_errno);
 }
 
 void appendPrintfToVector(StrVector &out, const char *format, ...) {
   int saved_errno = errno;
   va_list ap;
   va_start(ap, format);
-  vappendPrintfToVector(out, format, ap, saved_errno);
+  StrVectorSink sink{out};
+  walkFormat(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }
@@ -757,14 +787,15 @@ void appendPrintfToVector(StrVector &out, const char *format, ...) {
 void vprintfToCrashLog(crash_log_write_handle *writer, StrSegment format, va_list ap,
                        int saved_errno) noexcept {
   CrashSink sink{writer};
-  walkFormat(sink, format, ap, saved_errno);
+  walkFormatCopy(sink, format, ap, saved_errno);
 }
 
 void printfToCrashLog(crash_log_write_handle *writer, const char *format, ...) noexcept {
   int saved_errno = errno;
   va_list ap;
   va_start(ap, format);
-  vprintfToCrashLog(writer, format, ap, saved_errno);
+  CrashSink sink{writer};
+  walkFormat(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }
@@ -794,25 +825,26 @@ void PrintfFormat::renderTo(Str *out, ...) const {
   int saved_errno = errno;
   va_list ap;
   va_start(ap, out);
-  vrender(*out, ap, saved_errno);
+  StrSink sink{*out};
+  walkAtoms(sink, _atoms, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }
 
 void PrintfFormat::vrender(Str &out, va_list ap, int saved_errno) const {
   StrSink sink{out};
-  walkAtoms(sink, _atoms, ap, saved_errno);
+  walkAtomsCopy(sink, _atoms, ap, saved_errno);
 }
 
 void PrintfFormat::vrenderToVector(StrVector &out, va_list ap, int saved_errno) const {
   StrVectorSink sink{out};
-  walkAtoms(sink, _atoms, ap, saved_errno);
+  walkAtomsCopy(sink, _atoms, ap, saved_errno);
 }
 
 void PrintfFormat::vrenderToCrashLog(crash_log_write_handle *writer, va_list ap,
                                      int saved_errno) const noexcept {
   CrashSink sink{writer};
-  walkAtoms(sink, _atoms, ap, saved_errno);
+  walkAtomsCopy(sink, _atoms, ap, saved_errno);
 }
 
 // ---- Str's formatting members ----
@@ -821,24 +853,32 @@ Str::Str(FormatTag, const char *format, ...) {
   int saved_errno = errno;
   va_list ap;
   va_start(ap, format);
-  vappendPrintf(*this, format, ap, saved_errno);
+  StrSink sink{*this};
+  walkFormat(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }
 
 Str &Str::printf(const char *format, ...) {
+  int saved_errno = errno;
+  clear();
   va_list ap;
   va_start(ap, format);
-  vprintf(format, ap);
+  StrSink sink{*this};
+  walkFormat(sink, format, &ap, saved_errno);
   va_end(ap);
+  errno = saved_errno;
   return *this;
 }
 
 Str &Str::appendf(const char *format, ...) {
+  int saved_errno = errno;  // %m shows the caller's errno, and the caller keeps it
   va_list ap;
   va_start(ap, format);
-  vappendf(format, ap);
+  StrSink sink{*this};
+  walkFormat(sink, format, &ap, saved_errno);
   va_end(ap);
+  errno = saved_errno;
   return *this;
 }
 
@@ -848,7 +888,7 @@ Str &Str::vprintf(const char *format, va_list ap) {
 }
 
 Str &Str::vappendf(const char *format, va_list ap) {
-  int saved_errno = errno;  // %m shows the caller's errno, and the caller keeps it
+  int saved_errno = errno;
   vappendPrintf(*this, format, ap, saved_errno);
   errno = saved_errno;
   return *this;

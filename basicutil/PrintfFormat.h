@@ -254,15 +254,23 @@ size_t print_with_commas_first_chunk_size(size_t n, size_t z, char first_byte);
 namespace printf_detail {
 
 // Writes into memory already sized for the output.
+// Pieces are mostly a few bytes long, where a plain loop beats a library call.
 struct MemoryWriter {
   char *p;
   void write(const char *d, size_t n) {
-    if (n == 0) return;  // d may be null then
-    memcpy(p, d, n);
+    if (n <= 16) {
+      for (size_t i = 0; i < n; ++i) p[i] = d[i];
+    } else {
+      memcpy(p, d, n);
+    }
     p += n;
   }
   void fill(char c, size_t n) {
-    memset(p, c, n);
+    if (n <= 16) {
+      for (size_t i = 0; i < n; ++i) p[i] = c;
+    } else {
+      memset(p, c, n);
+    }
     p += n;
   }
   void put(char c) { *p++ = c; }
@@ -300,11 +308,19 @@ void emit(W &w, const PrintfRenderedUnsignedInteger &r) {
   w.fill(' ', r.right_blanks);
 }
 
-// Grows out by the rendered size once and writes in place.
+// Short results go through a stack buffer and one append; long ones are written in place.
 template <class R>
 void appendRendered(Str &out, const R &r) {
+  size_t n = r.size();
+  if (n <= 128) {
+    char buf[128];
+    MemoryWriter w{buf};
+    emit(w, r);
+    out.append(buf, n);
+    return;
+  }
   size_t old = out.size();
-  out.resize(old + r.size());
+  out.resize(old + n);
   MemoryWriter w{out.data() + old};
   emit(w, r);
 }
