@@ -37,7 +37,7 @@ std::string theirs(const char *fmt, ...) {
   return n < 0 ? std::string("<error>") : std::string(buf, std::min<size_t>(n, sizeof buf - 1));
 }
 
-struct Spec {
+struct FormatCase {
   std::string flags, length;
   char conv = 'd';
   int width = -1, precision = -1;  // -1: none
@@ -66,9 +66,9 @@ struct Spec {
   }
 };
 
-// Calls fn with the format and the "*" arguments the spec owes, then the value.
+// Calls fn with the format and the "*" arguments the case owes, then the value.
 template <class Fn, class... V>
-std::string run(Fn fn, const Spec &s, const std::string &fmt, V... v) {
+std::string run(Fn fn, const FormatCase &s, const std::string &fmt, V... v) {
   const char *f = fmt.c_str();
   if (s.width_star && s.precision_star) return fn(f, s.star_width, s.star_precision, v...);
   if (s.width_star) return fn(f, s.star_width, v...);
@@ -87,8 +87,8 @@ class Differential : public ::testing::Test {
   int pick(int n) { return static_cast<int>(rng() % static_cast<uint64_t>(n)); }
   bool coin(int one_in) { return pick(one_in) == 0; }
 
-  Spec randomSpec(const std::string &flag_pool, char conv) {
-    Spec s;
+  FormatCase randomCase(const std::string &flag_pool, char conv) {
+    FormatCase s;
     s.conv = conv;
     for (char f : flag_pool)
       if (coin(3)) s.flags += f;
@@ -138,7 +138,7 @@ class Differential : public ::testing::Test {
 
 // The grouped form as promised: commas every three digits, precision counting the commas,
 // zeros after the sign, and a blank for " " that stays leftmost.
-std::string groupedModel(const Spec &s, const std::string &plain) {
+std::string groupedModel(const FormatCase &s, const std::string &plain) {
   std::string sign, digits = plain;
   if (!digits.empty() && (digits[0] == '-' || digits[0] == '+' || digits[0] == ' ')) {
     sign = digits.substr(0, 1);
@@ -169,7 +169,7 @@ TEST_F(Differential, Integers) {
   const char *lengths[] = {"", "", "", "hh", "h", "l", "ll", "z", "j", "t", "q"};
   const char convs[] = "diuxXo";
   for (int iter = 0; iter < 20000; ++iter) {
-    Spec s = randomSpec(" +-0#'", convs[pick(6)]);
+    FormatCase s = randomCase(" +-0#'", convs[pick(6)]);
     s.length = lengths[pick(11)];
     int64_t v = coin(3) ? edges[pick(sizeof edges / sizeof edges[0])]
                         : static_cast<int64_t>(bits() >> pick(64));
@@ -234,21 +234,21 @@ TEST_F(Differential, TextPointersAndLiterals) {
   for (int iter = 0; iter < 8000; ++iter) {
     switch (pick(6)) {
       case 0: {
-        Spec s = randomSpec("-0 +#", 's');
+        FormatCase s = randomCase("-0 +#", 's');
         std::string fmt = s.format();
         const char *str = strings[pick(5)];
         expectSame("same as C", run(OURS, s, fmt, str), run(THEIRS, s, fmt, str), fmt);
         break;
       }
       case 1: {
-        Spec s = randomSpec("-0", 'c');
+        FormatCase s = randomCase("-0", 'c');
         std::string fmt = s.format();
         int ch = coin(10) ? 0 : 32 + pick(95);
         expectSame("same as C", run(OURS, s, fmt, ch), run(THEIRS, s, fmt, ch), fmt);
         break;
       }
       case 2: {
-        Spec s = randomSpec("-0 +#", 'p');
+        FormatCase s = randomCase("-0 +#", 'p');
         std::string fmt = s.format();
         void *p = reinterpret_cast<void *>(pointers[pick(6)]);
         std::string got = run(OURS, s, fmt, p);
@@ -261,7 +261,7 @@ TEST_F(Differential, TextPointersAndLiterals) {
         if (p && s.has('0') && s.effectivePrecision() >= 0 && !s.has('-') && width > 0) {
           // The zero flag survives a precision on %p, unlike on the integers.
           if (cls.empty()) cls = "pointer keeps zero padding with a precision";
-          Spec z = s;
+          FormatCase z = s;
           z.width_star = false, z.width = -1;
           std::string core = run(THEIRS, z, z.format(drop + "0"), p);
           core = core.substr(1, core.size() - 2);
@@ -274,14 +274,14 @@ TEST_F(Differential, TextPointersAndLiterals) {
         break;
       }
       case 3: {
-        Spec s = randomSpec("-", 'm');
+        FormatCase s = randomCase("-", 'm');
         std::string fmt = s.format();
         int e = coin(4) ? 4000 + pick(1000) : 1 + pick(130);
         bool known = strncmp(strerror(e), "Unknown error", 13) != 0;
         errno = e;
         std::string got = run(OURS, s, fmt, 0);
         if (!known) {
-          Spec t = s;
+          FormatCase t = s;
           t.conv = 's';
           expectSame("unknown errno text", got, run(THEIRS, t, t.format(), "UNKNOWN ERROR"), fmt);
         } else {
@@ -291,7 +291,7 @@ TEST_F(Differential, TextPointersAndLiterals) {
         break;
       }
       case 4: {
-        Spec s = randomSpec("-0 +#", '%');
+        FormatCase s = randomCase("-0 +#", '%');
         s.width_star = s.precision_star = false;
         std::string fmt = s.format();
         expectSame("same as C", ours(fmt.c_str()), theirs(fmt.c_str()), fmt);
@@ -299,7 +299,7 @@ TEST_F(Differential, TextPointersAndLiterals) {
       }
       default: {
         // No "L" modifier: the text stands as written, and no argument is consumed.
-        Spec s = randomSpec("-+ #", "efgaEFGA"[pick(8)]);
+        FormatCase s = randomCase("-+ #", "efgaEFGA"[pick(8)]);
         s.width_star = s.precision_star = false;
         s.length = "L";
         std::string fmt = s.format() + "%d";
@@ -401,7 +401,7 @@ TEST_F(Differential, FloatingPoint) {
   const char convs[] = "eEfFgGaA";
   for (int iter = 0; iter < 20000; ++iter) {
     char conv = convs[pick(8)];
-    Spec s = randomSpec(" +-0#", conv);
+    FormatCase s = randomCase(" +-0#", conv);
     double x = coin(4) ? edges[pick(sizeof edges / sizeof edges[0])] : randomDouble(rng);
     if (coin(3)) x = -x;
     if (coin(5)) s.length = "l";
@@ -450,7 +450,7 @@ TEST_F(Differential, FloatingPoint) {
       int gp = P == 0 ? 1 : P;
       if (sh.point >= -3 && sh.point <= gp && r.point > gp) {
         // The choice of form is made before rounding: 999999.5 is "1000000", not "1e+06".
-        Spec f = s;
+        FormatCase f = s;
         f.conv = conv == 'G' ? 'F' : 'f';
         f.precision_star = false, f.bare_dot = false, f.precision = 0;
         double rounded = static_cast<double>(valueOf(r, std::signbit(x)));
@@ -485,7 +485,7 @@ TEST_F(Differential, FloatingPoint) {
 TEST_F(Differential, FloatGrouping) {
   // Values whose decimal text is exact, so only the commas differ from C.
   for (int iter = 0; iter < 3000; ++iter) {
-    Spec s = randomSpec(" +#", "fFgG"[pick(4)]);
+    FormatCase s = randomCase(" +#", "fFgG"[pick(4)]);
     s.flags += '\'';
     s.width = -1, s.width_star = false;
     double x = static_cast<double>(bits() % 100000000000ull) / (1 << pick(6));
