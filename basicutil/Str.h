@@ -236,8 +236,6 @@ size_t getNextChunk(StrSegment &input, StrSegment &chunk);
 // Orders text with embedded numbers by their value: "file9" < "file10", "a007" == "a7".
 int compareNaturally(StrSegment a, StrSegment b, bool caseless = false);
 
-enum StrFormatTag { STR_FORMAT };
-
 class Str : public std::string {
  public:
   using std::string::string;
@@ -249,8 +247,6 @@ class Str : public std::string {
   Str(StrSegment a, StrSegment b);
   Str(const char *a, StrSegment b) : Str(StrSegment(a), b) {}
   Str(StrSegment a, const char *b) : Str(a, StrSegment(b)) {}
-  // Formats with the printf engine.
-  Str(StrFormatTag, const char *format, ...) __attribute__((format(printf, 3, 4)));
   Str(const Str &) = default;
   Str(Str &&) = default;
   Str &operator=(const Str &) = default;
@@ -320,6 +316,11 @@ class Str : public std::string {
   Str insertBefore(const ByteSet &set, char ch) const;
   // In place from pos on: ch before every byte of the set, with a single resize.
   void insertAt(const ByteSet &set, char ch, size_t pos = 0);
+
+  // Formats into a new Str: Str s(Str::FORMAT, "%d items", n).
+  struct FormatTag {};
+  static constexpr FormatTag FORMAT{};
+  Str(FormatTag, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
   // Printf-style formatting; printf replaces the contents, appendf appends.
   Str &printf(const char *format, ...) __attribute__((format(printf, 2, 3)));

@@ -88,13 +88,13 @@ TEST(StaticStrHashSetStartup, UnpopulatedLookUpLeavesTheStateAlone) {
 TEST(StaticStrHashSetStartup, EveryMemberFoundAtEverySize) {
   ensureMainThread();
   std::vector<Str> words;
-  for (int i = 0; i < 40; ++i) words.emplace_back(morvek::STR_FORMAT, "w%d", i * 3);
+  for (int i = 0; i < 40; ++i) words.emplace_back(morvek::Str::FORMAT, "w%d", i * 3);
   for (size_t n = 1; n <= words.size(); ++n) {
     StaticStrHashSet set;
     for (size_t k = 0; k < n; ++k) set.insert(words[k]);
     for (size_t k = 0; k < words.size(); ++k) {
       EXPECT_EQ(set.contains(words[k].c_str()), k < n) << n << " " << words[k];
-      Str miss(morvek::STR_FORMAT, "w%zu", k * 3 + 1);
+      Str miss(morvek::Str::FORMAT, "w%zu", k * 3 + 1);
       EXPECT_FALSE(set.contains(miss.c_str())) << n << " " << miss;
     }
   }

@@ -236,7 +236,7 @@ TEST(StrBuilding, AssignAndConcatenate) {
   EXPECT_TRUE(s.assignFrom("ab\0c", 4) && s.size() == 4);
   EXPECT_EQ(Str("ab", StrSegment("cd")), "abcd");
   EXPECT_EQ(Str(StrSegment(""), "cd"), "cd");
-  EXPECT_EQ(Str(morvek::STR_FORMAT, "%d-%s", 7, "x"), "7-x");
+  EXPECT_EQ(Str(morvek::Str::FORMAT, "%d-%s", 7, "x"), "7-x");
 }
 
 TEST(StrBuilding, StealingKeepsOrderAndReusesTheRightBuffer) {
