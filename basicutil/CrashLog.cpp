@@ -1,6 +1,5 @@
 #include "basicutil/CrashLog.h"
 
-#include <double-conversion/double-conversion.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -11,6 +10,9 @@
 #include <new>
 
 #include "basicutil/BaseException.h"
+#include "basicutil/HexDumper.h"
+#include "basicutil/PrintFloatingPoint.h"
+#include "basicutil/PrintfFormat.h"
 #include "basicutil/Thread.h"
 #include "libzero/fatal-assert.h"
 
@@ -20,23 +22,6 @@ namespace {
 
 constexpr char LOWER_HEX[] = "0123456789abcdef";
 constexpr char UPPER_HEX[] = "0123456789ABCDEF";
-
-// The shortest digits of a finite double and the position of the decimal point, as
-// 0.DIGITS x 10^point. Nothing allocates.
-struct ShortestDigits {
-  char digits[double_conversion::DoubleToStringConverter::kBase10MaximalLength + 1];
-  int length;
-  int point;
-  bool negative;
-};
-
-ShortestDigits shortestDigits(double v) {
-  ShortestDigits d;
-  double_conversion::DoubleToStringConverter::DoubleToAscii(
-      v, double_conversion::DoubleToStringConverter::SHORTEST, 0, d.digits, sizeof d.digits,
-      &d.negative, &d.length, &d.point);
-  return d;
-}
 
 void writeZeros(CrashLogWriter &w, int count) {
   static const char zeros[] = "0000000000000000000000000000000000000000000000000000000000000000";
@@ -110,7 +95,7 @@ void CrashLogWriter::writeDouble(double v) {
     write(v < 0 ? "-Infinity" : "Infinity");
     return;
   }
-  ShortestDigits d = shortestDigits(v);
+  DoubleToStringShortest d(v);
   if (d.negative) writeChar('-');
   if (d.point <= 0) {
     write("0.");
@@ -225,16 +210,7 @@ void CrashLogWriter::writeMemorySample(const char *name, const void *address, si
   write(" @");
   writePointer(address);
   write(":\n");
-  // Sixteen bytes a line, a newline in front of every line but the first.
-  const unsigned char *p = static_cast<const unsigned char *>(address);
-  for (size_t off = 0; off < count; off += 16) {
-    if (off != 0) writeChar('\n');
-    size_t n = count - off < 16 ? count - off : 16;
-    for (size_t i = 0; i < n; ++i) {
-      if (i != 0) writeChar(' ');
-      writeHexBytes(p + off + i, 1);
-    }
-  }
+  hexDumpToCrashLog(_handle, address, count);
 }
 
 void CrashLogWriter::writeFileContents(const char *path, size_t limit) {
@@ -411,6 +387,10 @@ void connectClassLayer() {
   crash_log_set_extra_report_func(&crashLogExceptionReport);
   std::set_terminate(&terminateHandler);
   crash_log_set_thread_name_func(&currentThreadName);
+  // Formatted crash text goes through the library's own printf, which allocates nothing.
+  crash_log_set_printf_func([](crash_log_writer *w, const char *format, va_list ap) {
+    vprintfToCrashLog(w, format, ap);
+  });
   crash_log_set_thread_count_func(&currentThreadCount);
   crash_log_set_notation_perthread_state_func(&threadCrashlogNotationState);
   if (!Thread::main_thread_created) {

@@ -1,6 +1,5 @@
 #include "basicutil/FileDescriptor.h"
 
-#include <double-conversion/double-conversion.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "basicutil/PrintFloatingPoint.h"
 #include "libzero/fatal-assert.h"
 
 namespace morvek {
@@ -95,56 +95,17 @@ size_t base64Encode(const unsigned char *in, size_t n, char *out) {
 
 }  // namespace
 
-// Interim: the printf engine's shortest plain form replaces this body once it lands; callers
-// only rely on the text, which stays the same.
 size_t FileDescriptor::formatShortestDouble(double x, char *buf, size_t cap) {
-  const char *special = nullptr;
-  if (std::isnan(x)) {
-    special = "NaN";
-  } else if (std::isinf(x)) {
-    special = x < 0 ? "-Infinity" : "Infinity";
+  if (!double_is_finite(x)) {
+    StrSegment text = get_nonfinite_double_repl(x);
+    if (text._len <= cap) memcpy(buf, text._data, text._len);
+    return text._len;
   }
-  if (special != nullptr) {
-    size_t n = strlen(special);
-    if (n <= cap) memcpy(buf, special, n);
-    return n;
-  }
-  using double_conversion::DoubleToStringConverter;
-  char digits[DoubleToStringConverter::kBase10MaximalLength + 1];
-  bool negative = false;
-  int length = 0;
-  int point = 0;
-  DoubleToStringConverter::DoubleToAscii(x, DoubleToStringConverter::SHORTEST, 0, digits,
-                                         sizeof digits, &negative, &length, &point);
-  size_t len = static_cast<size_t>(length);
-  size_t need = negative ? 1 : 0;
-  if (point >= length) {
-    need += static_cast<size_t>(point);
-  } else if (point <= 0) {
-    need += 2 + static_cast<size_t>(-point) + len;
-  } else {
-    need += len + 1;
-  }
-  if (need > cap) return need;
-  char *p = buf;
-  if (negative) *p++ = '-';
-  if (point >= length) {
-    memcpy(p, digits, len);
-    p += len;
-    memset(p, '0', static_cast<size_t>(point - length));
-  } else if (point <= 0) {
-    *p++ = '0';
-    *p++ = '.';
-    memset(p, '0', static_cast<size_t>(-point));
-    p += -point;
-    memcpy(p, digits, len);
-  } else {
-    memcpy(p, digits, static_cast<size_t>(point));
-    p += point;
-    *p++ = '.';
-    memcpy(p, digits + point, len - static_cast<size_t>(point));
-  }
-  return need;
+  DoubleToStringShortest digits(x);
+  size_t n = digits.plainTextLength();
+  // The engine also writes a NUL, so it needs one byte more than the text.
+  if (n < cap) digits.writePlainText(buf, cap);
+  return n < cap ? n : n + 1;
 }
 
 FileDescriptor::FileDescriptor(const char *path) : _fd(-1) { openRead(path); }

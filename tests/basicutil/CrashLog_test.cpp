@@ -129,14 +129,15 @@ TEST(CrashLogWriter, MemorySampleStaysInsideItsPage) {
   std::string head = "First 20 bytes of buf @" +
                      render([&](CrashLogWriter &w) { w.writePointer(near_end); }) + ":\n";
   ASSERT_EQ(out.substr(0, head.size()), head) << out;
-  // Two lines (16 and 4 bytes), with no newline behind the last.
+  // The hex dump's lines of 16 and 4 bytes and its closing offset, no newline behind the last.
   std::string dump = out.substr(head.size());
-  EXPECT_EQ(std::count(dump.begin(), dump.end(), '\n'), 1) << dump;
+  EXPECT_EQ(std::count(dump.begin(), dump.end(), '\n'), 2) << dump;
+  EXPECT_EQ(dump.substr(dump.size() - 9), "\n00000014") << dump;
 
   EXPECT_EQ(render([](CrashLogWriter &w) {
               w.writeMemorySample("low", reinterpret_cast<void *>(4000), 16);
             }),
-            "First 0 bytes of low @0xfa0:\n");
+            "First 0 bytes of low @0xfa0:\n00000000");
 }
 
 std::string writeTemp(const std::string &content) {
