@@ -10,6 +10,7 @@
 #include <new>
 
 #include "basicutil/BaseException.h"
+#include "basicutil/BasicConversions.h"
 #include "basicutil/HexDumper.h"
 #include "basicutil/PrintFloatingPoint.h"
 #include "basicutil/PrintfFormat.h"
@@ -59,21 +60,12 @@ void CrashLogWriter::write(const std::exception &e) { write(e.what()); }
 
 void CrashLogWriter::writeUnsigned(uint64_t v) {
   char buf[20];
-  size_t i = sizeof buf;
-  do {
-    buf[--i] = static_cast<char>('0' + v % 10);
-    v /= 10;
-  } while (v != 0);
-  write(buf + i, sizeof buf - i);
+  write(buf, writeDecimalU64(buf, v));
 }
 
 void CrashLogWriter::writeSigned(int64_t v) {
-  if (v < 0) {
-    writeChar('-');
-    writeUnsigned(0 - static_cast<uint64_t>(v));
-  } else {
-    writeUnsigned(static_cast<uint64_t>(v));
-  }
+  char buf[21];
+  write(buf, writeDecimalI64(buf, v));
 }
 
 void CrashLogWriter::writeHex(uint64_t v) {
