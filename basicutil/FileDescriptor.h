@@ -110,9 +110,10 @@ class FileDescriptor {
 
   int _fd;
 
- private:
-  friend class FileStar;
-  // Plain decimal text of x; returns the length it needs, writing only when it fits in cap.
+  // Plain decimal text of x: shortest round-trip digits, never an exponent; "NaN", "Infinity"
+  // or "-Infinity" when not finite. Returns the length it needs, writing only when it fits in
+  // cap; 400 bytes always suffice. Shared by every writer of doubles until the printf engine
+  // has its own.
   static size_t formatShortestDouble(double x, char *buf, size_t cap);
 };
 
