@@ -429,8 +429,10 @@ void Thread::startOSThread(size_t stack_size) {
       (creator == nullptr || creator->_sched_policy == SCHED_OTHER)) {
     rc = pthread_create(&_token, &_default_thread_attr, &Thread::callMain, this);
   } else {
-    // Deliberately never destroyed: it is small, and a thread may outlive any scope here.
-    pthread_attr_t *attr = new pthread_attr_t;
+    // pthread_create copies what it needs; the object is not destroyed, as glibc's set-up of
+    // size, inheritance, policy and priority allocates nothing.
+    pthread_attr_t attr_storage;
+    pthread_attr_t *attr = &attr_storage;
     pthread_attr_init(attr);
     if (pthread_attr_setstacksize(attr, stack_size) != 0) {
       thread_logger.warn("cannot override thread stack size: pthread_attr_setstacksize(): %m");

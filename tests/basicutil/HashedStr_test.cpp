@@ -78,9 +78,10 @@ TEST(HashedStrRecord, SharesOneRecordAndReadsAsCString) {
 }
 
 TEST(HashedStrRecord, ListSwapRepairsBackPointers) {
+  // Lists first, so the entries (which unlink themselves) are destroyed before them.
+  HashedStrList one, two, empty;
   HashedStrListEntry x(HashedStr(morvek::StrSegment("x"))), y(HashedStr(morvek::StrSegment("y")));
   HashedStrListEntry z(HashedStr(morvek::StrSegment("z")));
-  HashedStrList one, two;
   one.pushFront(x);
   one.pushFront(y);
   two.pushFront(z);
@@ -94,7 +95,6 @@ TEST(HashedStrRecord, ListSwapRepairsBackPointers) {
   EXPECT_EQ(two._root, &x);
   EXPECT_EQ(x._prevp, &two._root);
 
-  HashedStrList empty;
   empty.swap(one);
   EXPECT_EQ(empty._root, &z);
   EXPECT_TRUE(one.empty());
