@@ -241,7 +241,8 @@ TEST(RegexConversions, ParseUnsignedVal) {
   const char *over = "18446744073709551616";
   EXPECT_FALSE(parse_unsigned_val(over, over + 20, big, ~uint64_t(0)));
   uint32_t small = 0;
-  EXPECT_FALSE(parse_unsigned_val("10", "10" + 2, small, uint32_t(9)));
+  const char *ten = "10";
+  EXPECT_FALSE(parse_unsigned_val(ten, ten + 2, small, uint32_t(9)));
 }
 
 TEST(RegexSubstitutionParse, PiecesAndReferences) {
