@@ -71,7 +71,9 @@ struct ThreadMatchData {
   uint32_t pairs;
   bool reaped;
 };
-thread_local constinit ThreadMatchData thread_match_data = {nullptr, 0, false};
+// Initial-exec: matching reads this on every call, and a general-dynamic access costs a call.
+thread_local constinit ThreadMatchData thread_match_data
+    __attribute__((tls_model("initial-exec"))) = {nullptr, 0, false};
 
 struct ThreadMatchDataReaper {
   void arm() {}
@@ -107,7 +109,9 @@ class ScopedMatchData {
     }
     _data = t.data;
   }
-  ~ScopedMatchData() { pcre2_match_data_free(_temporary); }
+  ~ScopedMatchData() {
+    if (_temporary != nullptr) pcre2_match_data_free(_temporary);
+  }
   ScopedMatchData(const ScopedMatchData &) = delete;
   ScopedMatchData &operator=(const ScopedMatchData &) = delete;
 
