@@ -408,6 +408,10 @@ crashlog_notation_perthread_state *threadCrashlogNotationState() {
   return nullptr;
 }
 
+void crashLogPremainThreadAfterFork() {
+  if (premain_thread_recorded.load(std::memory_order_acquire)) premain_thread = pthread_self();
+}
+
 int installCrashLogger(const Str &prefix) {
   int rc = crash_log_creator_init(prefix.c_str());
   if (crash_log_creator_is_set_up()) connectClassLayer();

@@ -144,6 +144,8 @@ crashlog_notation_perthread_state *threadCrashlogNotationState();
 // exception report and the terminate handler. A prefix directory, or standard error.
 int installCrashLogger(const Str &prefix);
 int installCrashLoggerToStderr();
+// In a forked child: the thread recorded as the pre-main crash thread, if any, becomes the caller.
+void crashLogPremainThreadAfterFork();
 
 // The symbol rendering of an address into a Str. std::bad_alloc is raised once rendering ends.
 void appendSymbolInformation(Str &out, const void *address);

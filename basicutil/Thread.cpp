@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "basicutil/CrashLog.h"
 #include "basicutil/Logger.h"
 #include "basicutil/MutexByte.h"
 #include "basicutil/StaticStrHashSet.h"
@@ -647,7 +648,7 @@ void Thread::reinitializeAfterFork() {
   if (activeThreads != nullptr && activeThreads->_count_accounter.isMain()) {
     activeThreads->_token = _main_thread_token;
   }
-  // PRE-MAIN CRASH THREAD HOOK: the crash reporter's recorded thread takes the same token.
+  crashLogPremainThreadAfterFork();
   if (per_thread_state *scratch = perThreadScratch()) {
     scratch->_duty_cycle = DutyCycleEstimate(scratch->_duty_cycle._window_ns);
   }

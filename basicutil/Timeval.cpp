@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "basicutil/CrashLog.h"
 #include "basicutil/Logger.h"
 #include "basicutil/Str.h"
 #include "basicutil/Thread.h"
@@ -398,8 +399,7 @@ void MonotonicTime::logWhetherMonotonicClockIsUsed(Logger &logger) {
     default:
       MV_ASSERT(0);
   }
-  // CRASH-NOTE HOOK: the same text becomes a process-wide crash log note once notes exist.
-  (void)text;
+  addCrashLogNote(text);  // a literal: the permanent form keeps the pointer
 }
 
 void MonotonicTime::reinitializeAfterFork() {
