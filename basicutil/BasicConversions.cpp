@@ -633,21 +633,33 @@ void _appendBase128(Str &out, uint64_t v) {
 // --- decimal parsing ---
 namespace morvek {
 
+namespace {
+
+inline bool isDecimalDigit(char c) { return static_cast<unsigned char>(c - '0') < 10; }
+
+}  // namespace
+
 bool parse_unsigned_val(const char *p, const char *pend, uint64_t &out, uint64_t max) {
   if (p == pend) return false;
   while (p < pend && (*p == ' ' || *p == '\t')) ++p;
-  if (p == pend) return false;
-  if (*p < '0' || *p > '9') return false;
+  if (p == pend || !isDecimalDigit(*p)) return false;
+  const char *const digits = p;
+  // Nineteen digits can't overflow 64 bits, so up to there one range test at the end does.
+  const char *const unchecked = pend - p > 19 ? p + 19 : pend;
   uint64_t v = 0;
-  const uint64_t maxTenth = max / 10;
-  while (p < pend && *p >= '0' && *p <= '9') {
-    const uint64_t d = static_cast<uint64_t>(*p - '0');
-    if (v > maxTenth || d > max || v * 10 > max - d) {
-      out = v;
-      return false;
+  for (; p < unchecked && isDecimalDigit(*p); ++p) v = v * 10 + static_cast<uint64_t>(*p - '0');
+  if (v > max || (p < pend && isDecimalDigit(*p))) {
+    // Long or out of range: every digit checked, stopping with the partial value.
+    const uint64_t maxTenth = max / 10;
+    v = 0;
+    for (p = digits; p < pend && isDecimalDigit(*p); ++p) {
+      const uint64_t d = static_cast<uint64_t>(*p - '0');
+      if (v > maxTenth || d > max || v * 10 > max - d) {
+        out = v;
+        return false;
+      }
+      v = v * 10 + d;
     }
-    v = v * 10 + d;
-    ++p;
   }
   out = v;
   while (p < pend) {

@@ -88,6 +88,10 @@ TEST(DecimalParsing, UnsignedAcceptsBlanksAroundDigitsOnly) {
   EXPECT_EQ(unsignedVal<uint64_t>("18446744073709551615"), UINT64_MAX);
   EXPECT_EQ(unsignedVal<uint64_t>("18446744073709551616"), std::nullopt);
   EXPECT_EQ(unsignedVal<uint64_t>("18446744073709551620"), std::nullopt);
+  // Leading zeros past the width where overflow becomes possible still parse.
+  EXPECT_EQ(unsignedVal<uint16_t>("000000000000000000000065535 "), 65535);
+  EXPECT_EQ(unsignedVal<uint64_t>("0000018446744073709551615"), UINT64_MAX);
+  EXPECT_EQ(unsignedVal<uint64_t>("0000018446744073709551616"), std::nullopt);
 }
 
 TEST(DecimalParsing, FailureLeavesTypedOutputAlone) {
