@@ -19,15 +19,13 @@ TEST(StrVectorJoin, SeparatorBeforeFirstOnlyWhenOutHasText) {
     StrVector v;
     const char *out;
     const char *want;
-  } cases[] = {
-      {{"a", "b"}, "", "a,b"},
-      {{"a", "b"}, "x", "x,a,b"},
-      {{""}, "x", "x,"},
-      {{}, "x", "x"},
-      {{}, "", ""},
-      {{"", ""}, "", ","},
-      {{"only"}, "", "only"},
-  };
+  } cases[] = {{{"a", "b"}, "", "a,b"},
+               {{"a", "b"}, "x", "x,a,b"},
+               {{""}, "x", "x,"},
+               {{}, "x", "x"},
+               {{}, "", ""},
+               {{"", ""}, "", ","},
+               {{"only"}, "", "only"}};
   for (const Case &c : cases) {
     Str a(c.out), b(c.out), d(c.out);
     c.v.join(a, ',');
@@ -102,8 +100,7 @@ TEST(StrVectorEdit, DuplicatesKeepFirstInOrder) {
       {{}, {}, {}},
       {{"z", "z", "z"}, {"z"}, {"z", "z"}},
       {{longA, "b", longA, longB, "b", longB, "c"}, {longA, "b", longB, "c"}, {longA, "b", longB}},
-      {{"b", "a", "", "a", ""}, {"b", "a", ""}, {"a", ""}},
-  };
+      {{"b", "a", "", "a", ""}, {"b", "a", ""}, {"a", ""}}};
   for (Case &c : cases) {
     StrVector v = c.in, removed;
     EXPECT_EQ(v.removeDuplicates(removed), c.removed.size());
