@@ -95,8 +95,8 @@ inline size_t writeDecimalI64(char *dst, int64_t v) {
 // ---------------------------------------------------------------------------------------------
 // Text to numbers
 
-// Decimal with an optional leading '-', blanks (space, TAB) around; "- 1" is -1, an old
-// looseness that configuration files depend on. On failure out is unchanged.
+// Decimal with an optional leading '-', blanks (space, TAB) around. "- 1" is -1: blanks after
+// the sign have always been accepted, and stay so. On failure out is unchanged.
 bool do_signed_fetch(const char *data, size_t len, int16_t &out);
 bool do_signed_fetch(const char *data, size_t len, int32_t &out);
 bool do_signed_fetch(const char *data, size_t len, int64_t &out);
