@@ -1,8 +1,16 @@
-// Conversions between numbers and text.
+// Conversions between numbers and text, and the encoders that make text safe elsewhere.
+//
+// The parsers are strict (trailing garbage fails, a negative number is no unsigned number),
+// leave errno and the locale alone, and read a length-bounded text that needs no terminator;
+// fetchInBase is the one family that goes through the C library and touches errno.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
+#include <type_traits>
+
+#include "basicutil/Str.h"
 
 namespace morvek {
 
@@ -83,12 +91,208 @@ inline size_t writeDecimalI64(char *dst, int64_t v) {
   *dst = '-';
   return 1 + writeDecimalU64(dst + 1, 0ull - static_cast<uint64_t>(v));
 }
+
+// ---------------------------------------------------------------------------------------------
+// Text to numbers
+
+// Decimal with an optional leading '-', blanks (space, TAB) around. "- 1" is -1: blanks after
+// the sign have always been accepted, and stay so. On failure out is unchanged.
+bool do_signed_fetch(const char *data, size_t len, int16_t &out);
+bool do_signed_fetch(const char *data, size_t len, int32_t &out);
+bool do_signed_fetch(const char *data, size_t len, int64_t &out);
+
+// Through strtol and friends, so base 0 takes "0x" and "0" prefixes, and the signed forms take
+// '+' and '-'. Leading whitespace by the C library's table; trailing text fails. The unsigned
+// forms refuse '-', which strtoull would wrap. Sets errno; on failure out is unchanged.
+bool fetchInBase(StrSegment text, int32_t &out, int base);
+bool fetchInBase(StrSegment text, int64_t &out, int base);
+bool fetchInBase(StrSegment text, uint32_t &out, int base);
+bool fetchInBase(StrSegment text, uint64_t &out, int base);
+inline bool fetchInBase(StrSegment text, long long &out, int base) {
+  int64_t v;
+  if (!fetchInBase(text, v, base)) return false;
+  out = v;
+  return true;
+}
+inline bool fetchInBase(StrSegment text, unsigned long long &out, int base) {
+  uint64_t v;
+  if (!fetchInBase(text, v, base)) return false;
+  out = v;
+  return true;
+}
+
+// The value converted when nothing is lost: a whole number within the target's range, where the
+// 64-bit ranges stop at the integers a double holds exactly (2^53). NaN and 1.5 are false.
+bool doubleToInteger(double value, int16_t &out);
+bool doubleToInteger(double value, int32_t &out);
+bool doubleToInteger(double value, int64_t &out);
+bool doubleToInteger(double value, uint16_t &out);
+bool doubleToInteger(double value, uint32_t &out);
+bool doubleToInteger(double value, uint64_t &out);
+
+// "t", "true", "yes", "1" and "f", "false", "no", "0", caselessly and without blanks.
+bool parseBool(const char *data, size_t len, bool &out);
+bool parseBoolOr(const char *data, size_t len, bool defaultIfEmpty, bool defaultIfBad);
+
+// A count of bytes with an optional unit ("10", "4 KiB", "2 megabytes"). parseByteSize reads
+// "kB", "MB", ... as powers of 1000, parseByteSizeBinary as powers of 1024; the "i" units are
+// binary in both. A product too large for 64 bits wraps: the callers' limits are far below.
+bool parseByteSize(const char *data, size_t len, uint64_t &out);
+bool parseByteSizeBinary(const char *data, size_t len, uint64_t &out);
+
+// ---------------------------------------------------------------------------------------------
+// Numbers to text
+
+template <class T>
+concept AppendableInteger = std::is_integral_v<T> && !std::is_same_v<T, bool>;
+
+template <AppendableInteger T>
+inline void appendNumber(Str &out, T value) {
+  char buf[DECIMAL_I64_MAX_CHARS];
+  size_t n;
+  if constexpr (std::is_signed_v<T>) {
+    if constexpr (sizeof(T) <= 4) {
+      n = writeDecimalI32(buf, static_cast<int32_t>(value));
+    } else {
+      n = writeDecimalI64(buf, static_cast<int64_t>(value));
+    }
+  } else if constexpr (sizeof(T) <= 4) {
+    n = writeDecimalU32(buf, static_cast<uint32_t>(value));
+  } else {
+    n = writeDecimalU64(buf, static_cast<uint64_t>(value));
+  }
+  out.append(buf, n);
+}
+
+// Shortest digits that read back as the same double, in plain decimal ("0.1", "1500", "-2.5");
+// "NaN", "Infinity" or "-Infinity" otherwise.
+void appendDouble(Str &out, double value);
+
+// Lower- or upper-case hex digits, no prefix; a width pads with zeros on the left.
+void appendHex(Str &out, uint64_t value, int width = 0);
+void appendHexUpper(Str &out, uint64_t value, int width = 0);
+
+// A byte count and the unit it came in. A hint that is a power of two (or 0) asks for binary
+// units, any other (1000, say) for decimal ones.
+struct ByteSize {
+  static constexpr uint64_t BINARY = 1024;
+  static constexpr uint64_t DECIMAL = 1000;
+
+  uint64_t value;
+  uint64_t unit_hint = 0;
+};
+
+// The largest unit that fits, then the quotient: "1KiB", "1.500KiB", "999B", "2.500MB".
+void appendByteSize(Str &out, ByteSize size);
+
+// ---------------------------------------------------------------------------------------------
+// Encoders and quoting
+
+// Standard alphabet. Whitespace is an error, padding is optional, and text after padding makes
+// the result false; what was decoded before a failure stays appended.
+bool base64Decode(Str &out, const char *data, size_t len);
+
+// Percent-encoding of every byte outside "A-Za-z0-9-_.~", with capital hex digits.
+void urlEncode(Str &out, const char *data, size_t len);
+Str urlEncoded(StrSegment text);
+// A string with nothing to encode costs one scan and no copy.
+void urlEncodeInPlace(Str &s);
+// '+' is a space and "%XX" a byte; a '%' without two hex digits stays. The decoded text is kept
+// only when it is valid UTF-8, and the result says whether the string now is.
+bool urlDecodeInPlace(Str &s);
+
+// A term of the search language: quoted when a byte is outside set (with '"' and, unless
+// keepBackslashes, '\\' escaped), when it is one of the operators AND, OR, NOT, IN, or when
+// force is set. Empty text is "\"\"".
+Str searchQuoted(StrSegment str, const ByteSet &set = BYTESET_IDENTIFIER, bool force = false,
+                 bool keepBackslashes = false);
+
+// A CSV field: in double quotes, with '"' doubled, when it holds ',', CR, LF or '"'.
+void csvQuoteAppend(Str &out, const char *data, size_t len);
+
+// TAB, CR and LF as "\\t", "\\r", "\\n"; backslashes aren't escaped, so this is for display only.
+Str escapeControls(StrSegment str);
+
+// For log messages: TAB becomes a space, LF and CR "\\n" and "\\r", other bytes outside
+// 0x20..0x7E "\\xHH". Printable text is left untouched, without a copy.
+void makePrintableInPlace(Str &s);
+
+void appendBigEndian32(Str &out, uint32_t v);
+void appendBigEndian64(Str &out, uint64_t v);
+
+// Seven bits a byte, least significant first, bit 7 set on all but the last. The out-of-line
+// part takes values of 128 and up, so that the common one-byte case stays inline.
+void _appendBase128(Str &out, uint64_t v);
+inline void appendBase128(Str &out, uint64_t v) {
+  if (v < 128) {
+    out.push_back(static_cast<char>(v));
+  } else {
+    _appendBase128(out, v);
+  }
+}
+
+}  // namespace morvek
+
 // --- decimal parsing ---
-// Decimal digits in [p, pend), with spaces and TABs allowed around them, no sign, at most max.
-// On overflow the result is false and out holds the digits read so far.
-bool parse_unsigned_val(const char *p, const char *pend, uint16_t &out, uint16_t max);
-bool parse_unsigned_val(const char *p, const char *pend, uint32_t &out, uint32_t max);
+namespace morvek {
+
+// Decimal digits between optional blanks (space, TAB), nothing else: no sign. Fails when the
+// value would exceed max, leaving the partial value in out.
 bool parse_unsigned_val(const char *p, const char *pend, uint64_t &out, uint64_t max);
+inline bool parse_unsigned_val(const char *p, const char *pend, uint32_t &out, uint32_t max) {
+  uint64_t v = 0;
+  bool ok = parse_unsigned_val(p, pend, v, max);
+  out = static_cast<uint32_t>(v);
+  return ok;
+}
+inline bool parse_unsigned_val(const char *p, const char *pend, uint16_t &out, uint16_t max) {
+  uint64_t v = 0;
+  bool ok = parse_unsigned_val(p, pend, v, max);
+  out = static_cast<uint16_t>(v);
+  return ok;
+}
+
+// The typed forms; on failure out is unchanged.
+template <class U>
+requires std::is_unsigned_v<U> &&(sizeof(U) >= 2) &&
+    (!std::is_same_v<U, bool>)inline bool parse_unsigned_val(const char *data, size_t len, U &out) {
+  uint64_t v;
+  if (!parse_unsigned_val(data, data + len, v, std::numeric_limits<U>::max())) return false;
+  out = static_cast<U>(v);
+  return true;
+}
+
+}  // namespace morvek
 // --- end decimal parsing ---
+
+namespace morvek {
+
+// The fetch with a fallback: the default when the text doesn't parse.
+template <class T>
+requires std::is_integral_v<T> &&(sizeof(T) >= 2) && (!std::is_same_v<T, bool>)inline T
+    fetchOr(const char *data, size_t len, T defaultValue) {
+  if constexpr (std::is_signed_v<T>) {
+    using Fixed = std::conditional_t<sizeof(T) == 2, int16_t,
+                                     std::conditional_t<sizeof(T) == 4, int32_t, int64_t>>;
+    Fixed v = 0;
+    return do_signed_fetch(data, len, v) ? static_cast<T>(v) : defaultValue;
+  } else {
+    uint64_t v = 0;
+    if (data == nullptr) return defaultValue;
+    return parse_unsigned_val(data, data + len, v, std::numeric_limits<T>::max())
+               ? static_cast<T>(v)
+               : defaultValue;
+  }
+}
+
+template <class T>
+requires std::is_integral_v<T> &&(sizeof(T) >= 4) && (!std::is_same_v<T, bool>)inline T
+    fetchInBaseOr(StrSegment text, T defaultValue, int base) {
+  using Fixed =
+      std::conditional_t<std::is_signed_v<T>, std::conditional_t<sizeof(T) == 4, int32_t, int64_t>,
+                         std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>;
+  Fixed v = 0;
+  return fetchInBase(text, v, base) ? static_cast<T>(v) : defaultValue;
+}
 
 }  // namespace morvek

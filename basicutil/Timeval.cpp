@@ -5,10 +5,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 
+#include "basicutil/BasicConversions.h"
 #include "basicutil/CrashLog.h"
 #include "basicutil/Logger.h"
 #include "basicutil/Str.h"
@@ -412,6 +415,213 @@ void MonotonicTime::reinitializeAfterFork() {
     }
   }
   Thread::reinitializeAfterFork();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Durations
+
+namespace {
+
+struct DurationUnit {
+  const char *name;
+  uint64_t ms;  // 0 for microseconds, which divide
+};
+
+constexpr DurationUnit DURATION_UNITS[] = {
+    {"us", 0},
+    {"ms", 1},
+    {"cs", 10},
+    {"ds", 100},
+    {"s", 1000},
+    {"sec", 1000},
+    {"second", 1000},
+    {"secs", 1000},
+    {"seconds", 1000},
+    {"m", 60000},
+    {"min", 60000},
+    {"minute", 60000},
+    {"mins", 60000},
+    {"minutes", 60000},
+    {"h", 3600000},
+    {"hr", 3600000},
+    {"hour", 3600000},
+    {"hrs", 3600000},
+    {"hours", 3600000},
+    {"d", 86400000},
+    {"day", 86400000},
+    {"days", 86400000},
+    {"w", 604800000},
+    {"week", 604800000},
+    {"weeks", 604800000},
+    {"mon", 2592000000},
+    {"month", 2592000000},
+    {"months", 2592000000},
+    {"q", 7776000000},
+    {"qtr", 7776000000},
+    {"quarter", 7776000000},
+    {"qtrs", 7776000000},
+    {"quarters", 7776000000},
+    {"y", 31536000000},
+    {"yr", 31536000000},
+    {"year", 31536000000},
+    {"yrs", 31536000000},
+    {"years", 31536000000},
+};
+
+// Keeps errno as the caller had it: the C conversions below are an implementation detail.
+class SavedErrno {
+ public:
+  SavedErrno() : _saved(errno) {}
+  ~SavedErrno() { errno = _saved; }
+
+ private:
+  int _saved;
+};
+
+void writeZeroPadded(char *dst, uint64_t v, unsigned width) {
+  for (unsigned i = width; i-- > 0;) {
+    dst[i] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  }
+}
+
+// whole "." fraction, the fraction zero-padded to width digits.
+size_t formatFixedPoint(char *buf, uint64_t whole, uint64_t fraction, unsigned width) {
+  size_t n = writeDecimalU64(buf, whole);
+  buf[n++] = '.';
+  writeZeroPadded(buf + n, fraction, width);
+  return n + width;
+}
+
+}  // namespace
+
+bool parseDuration(uint64_t &out_ms, const Str &text, unsigned flags) {
+  if (text.empty()) return false;
+  SavedErrno keep;
+  const char *const start = text.c_str();
+  if (strtod(start, nullptr) < 0) return false;
+  errno = 0;
+  char *end = nullptr;
+  uint64_t count = strtoull(start, &end, 10);
+  if (count == ULLONG_MAX && errno == ERANGE) return false;
+  if (count == 0 && (flags & DURATION_ALLOW_ZERO) == 0) return false;
+  if (end == start) count = 1;
+
+  StrSegment unitText =
+      StrSegment(end, static_cast<size_t>(text.data() + text.size() - end)).trimmed(BYTESET_BLANKS);
+  if (unitText.empty()) return false;
+  char unit[16];
+  if (unitText._len >= sizeof(unit)) return false;
+  for (size_t i = 0; i < unitText._len; ++i) {
+    const char c = unitText._data[i];
+    unit[i] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  }
+  const StrSegment name(unit, unitText._len);
+  for (const DurationUnit &u : DURATION_UNITS) {
+    if (!name.equals(u.name)) continue;
+    if (u.ms == 0) {
+      out_ms = count / 1000;
+      return true;
+    }
+    const uint64_t product = count * u.ms;
+    if (product < count) return false;
+    out_ms = product;
+    return true;
+  }
+  return false;
+}
+
+bool parseDuration(const char *bytes, size_t length, uint64_t &out_ms) {
+  return parseDuration(out_ms, Str(bytes, length), DURATION_ALLOW_ZERO);
+}
+
+void durationToWords(Str &out, uint64_t ms) {
+  if (ms == 0) {
+    out.append("0 milliseconds");
+    return;
+  }
+  static constexpr struct {
+    const char *name;
+    uint64_t ms;
+  } WORD_UNITS[] = {
+      {"day", 86400000}, {"hour", 3600000}, {"minute", 60000}, {"second", 1000}, {"millisecond", 1},
+  };
+  bool first = true;
+  for (const auto &u : WORD_UNITS) {
+    if (ms < u.ms) continue;
+    const uint64_t n = ms / u.ms;
+    ms -= n * u.ms;
+    if (!first) out.append(", ");
+    first = false;
+    appendNumber(out, n);
+    out.push_back(' ');
+    out.append(u.name);
+    if (n >= 2) out.push_back('s');
+    if (ms == 0) break;
+  }
+}
+
+bool mem_parse_into(const char *bytes, size_t length, uint64_t &out_ms) {
+  if (bytes == nullptr || length == 0) return false;
+  constexpr uint64_t MAX_WHOLE_SECONDS = UINT64_MAX / 1000;  // 18446744073709551
+  const char *p = bytes;
+  const char *const pend = bytes + length;
+  uint64_t whole = 0;
+  bool saturated = false;
+  bool anyDigit = false;
+  for (; p < pend && *p >= '0' && *p <= '9'; ++p) {
+    anyDigit = true;
+    if (saturated) continue;
+    whole = whole * 10 + static_cast<uint64_t>(*p - '0');
+    if (whole > MAX_WHOLE_SECONDS) {
+      saturated = true;
+      out_ms = UINT64_MAX;
+    }
+  }
+  uint64_t fraction = 0;
+  unsigned fractionDigits = 0;
+  bool nonZeroFraction = false;
+  if (p < pend && *p == '.') {
+    for (++p; p < pend && *p >= '0' && *p <= '9'; ++p) {
+      anyDigit = true;
+      if (*p != '0') nonZeroFraction = true;
+      if (fractionDigits < 4) {
+        fraction = fraction * 10 + static_cast<uint64_t>(*p - '0');
+        ++fractionDigits;
+      }
+    }
+  }
+  if (p != pend || !anyDigit) return false;
+  MV_ASSERT(p == pend);
+  if (saturated) return true;
+  for (; fractionDigits < 4; ++fractionDigits) fraction *= 10;
+  const uint64_t fractionMs = (fraction + 5) / 10;
+  const uint64_t wholeMs = whole * 1000;
+  uint64_t result = wholeMs + fractionMs;
+  if (result < wholeMs) result = UINT64_MAX;
+  if (fractionMs == 0 && whole == 0 && nonZeroFraction) result = 1;
+  out_ms = result;
+  return true;
+}
+
+void printMilliseconds(Str &out, uint64_t ms) {
+  char buf[DECIMAL_U64_MAX_DIGITS + 4];
+  out.append(buf, formatFixedPoint(buf, ms / 1000, ms % 1000, 3));
+}
+
+void printNanoseconds(Str &out, uint64_t ns) {
+  char buf[DECIMAL_U64_MAX_DIGITS + 10];
+  out.append(buf, formatFixedPoint(buf, ns / 1000000000, ns % 1000000000, 9));
+}
+
+void printMilliseconds(CrashLogWriter &out, uint64_t ms) {
+  char buf[DECIMAL_U64_MAX_DIGITS + 4];
+  out.write(buf, formatFixedPoint(buf, ms / 1000, ms % 1000, 3));
+}
+
+void printNanoseconds(CrashLogWriter &out, uint64_t ns) {
+  char buf[DECIMAL_U64_MAX_DIGITS + 10];
+  out.write(buf, formatFixedPoint(buf, ns / 1000000000, ns % 1000000000, 9));
 }
 
 }  // namespace morvek

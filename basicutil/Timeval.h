@@ -170,4 +170,41 @@ class MonotonicTime {
   Fields _ts;
 };
 
+// ---------------------------------------------------------------------------------------------
+// Durations: an unsigned 64-bit count of milliseconds, written as a number and a unit.
+
+class CrashLogWriter;
+
+// A count of zero ("0s") is accepted only with this flag.
+constexpr unsigned DURATION_ALLOW_ZERO = 1u;
+// A bare number fails; the rule always holds, the flag names it for callers that spell it out.
+constexpr unsigned DURATION_REQUIRE_UNIT = 2u;
+
+// "30s", "5 minutes", "2 qtrs", "hour" (one of it, with DURATION_ALLOW_ZERO): a count and a
+// unit from us to years, months being 30 days and years 365. On failure out_ms is unchanged.
+bool parseDuration(uint64_t &out_ms, const Str &text, unsigned flags);
+// The same with zero allowed.
+bool parseDuration(const char *bytes, size_t length, uint64_t &out_ms);
+
+// "1 day, 2 hours, 1 millisecond"; "0 milliseconds" for 0. Appends.
+void durationToWords(Str &out, uint64_t ms);
+
+// Seconds with an optional fraction ("12", "0.25", ".5") to milliseconds, rounded to nearest;
+// a positive fraction never rounds to 0, and a whole part too large saturates (stored at once,
+// even when the syntax then fails).
+bool mem_parse_into(const char *bytes, size_t length, uint64_t &out_ms);
+
+// "%llu.%03u" of seconds and milliseconds, "%llu.%09lu" of seconds and nanoseconds. Append.
+void printMilliseconds(Str &out, uint64_t ms);
+void printNanoseconds(Str &out, uint64_t ns);
+void printMilliseconds(CrashLogWriter &out, uint64_t ms);
+void printNanoseconds(CrashLogWriter &out, uint64_t ns);
+
+// The smallest count of milliseconds that covers n microseconds. Near the top, where adding 999
+// would wrap, the answer is fixed: UINT64_MAX for UINT64_MAX, 18446744073709552 below it.
+inline uint64_t usecToMsecRoundedUp(uint64_t n) {
+  if (n > UINT64_MAX - 999) return n == UINT64_MAX ? UINT64_MAX : 18446744073709552ull;
+  return (n + 999) / 1000;
+}
+
 }  // namespace morvek

@@ -2,8 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cerrno>
 #include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <random>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -40,6 +48,278 @@ TEST(DecimalWriters, SignedExtremes) {
   for (int32_t v : {0, -1, -99, INT32_MIN, INT32_MAX}) {
     ASSERT_EQ(std::string(buf32, morvek::writeDecimalI32(buf32, v)), std::to_string(v));
   }
+}
+
+}  // namespace
+
+namespace {
+
+using morvek::ByteSize;
+using morvek::Str;
+using morvek::StrSegment;
+
+template <class T>
+std::optional<T> unsignedVal(std::string_view s) {
+  T v{};
+  if (!morvek::parse_unsigned_val(s.data(), s.size(), v)) return std::nullopt;
+  return v;
+}
+
+template <class T>
+std::optional<T> signedVal(std::string_view s) {
+  T v{};
+  if (!morvek::do_signed_fetch(s.data(), s.size(), v)) return std::nullopt;
+  return v;
+}
+
+TEST(DecimalParsing, BlanksDigitsAndRanges) {
+  struct Case {
+    const char *text;
+    std::optional<uint16_t> want;
+  } cases[] = {{" 42 ", 42},
+               {"\t7\t", 7},
+               {"4 2", {}},
+               {"", {}},
+               {" ", {}},
+               {"65535", 65535},
+               {"65536", {}},
+               {"+1", {}},
+               {"-0", {}},
+               {"0x10", {}},
+               {"\n5", {}},
+               {"5\n", {}},
+               {"99999999999999999999999", {}},
+               // Leading zeros past the width where overflow becomes possible.
+               {"000000000000000000000065535 ", 65535}};
+  for (const Case &c : cases) EXPECT_EQ(unsignedVal<uint16_t>(c.text), c.want) << c.text;
+  EXPECT_EQ(unsignedVal<uint64_t>("0000018446744073709551615"), UINT64_MAX);
+  EXPECT_EQ(unsignedVal<uint64_t>("18446744073709551616"), std::nullopt);
+  EXPECT_EQ(unsignedVal<uint64_t>("18446744073709551620"), std::nullopt);
+
+  EXPECT_EQ(signedVal<int16_t>("-32768"), int16_t(-32768));
+  EXPECT_EQ(signedVal<int16_t>("-32769"), std::nullopt);
+  EXPECT_EQ(signedVal<int16_t>("32768"), std::nullopt);
+  EXPECT_EQ(signedVal<int64_t>("9223372036854775808"), std::nullopt);
+  EXPECT_EQ(signedVal<int32_t>("- 1"), -1);  // kept looseness
+  for (const char *bad : {"", " ", "-", "--1", "+1", "1-", "- "}) {
+    EXPECT_EQ(signedVal<int32_t>(bad), std::nullopt) << bad;
+  }
+}
+
+TEST(DecimalParsing, FailureOutputsAndDefaults) {
+  uint32_t u = 77;
+  EXPECT_FALSE(morvek::parse_unsigned_val("12x", 3, u));
+  EXPECT_EQ(u, 77u);
+  int16_t s = 77;
+  EXPECT_FALSE(morvek::do_signed_fetch("32768", 5, s));
+  EXPECT_EQ(s, 77);
+  // The raw form keeps what it had read when the range ran out.
+  uint64_t raw = 0;
+  const char *text = "70000";
+  EXPECT_FALSE(morvek::parse_unsigned_val(text, text + 5, raw, 65535));
+  EXPECT_EQ(raw, 7000u);
+
+  EXPECT_EQ(morvek::fetchOr("x", 1, int32_t(-9)), -9);
+  EXPECT_EQ(morvek::fetchOr("-3", 2, int64_t(0)), -3);
+  EXPECT_EQ(morvek::fetchOr("70000", 5, uint16_t(1)), 1);
+  EXPECT_EQ(morvek::fetchInBaseOr(StrSegment("ff"), uint32_t(1), 16), 255u);
+  EXPECT_EQ(morvek::fetchInBaseOr(StrSegment("fg"), int64_t(-1), 16), -1);
+}
+
+// Rendering then parsing gives the value back at every type boundary, through both families.
+template <class T>
+void roundTripBoundaries() {
+  using L = std::numeric_limits<T>;
+  for (T v : {L::min(), T(L::min() + 1), T(0), T(1), T(9), T(10), T(L::max() - 1), L::max()}) {
+    Str s;
+    morvek::appendNumber(s, v);
+    ASSERT_EQ(s, std::to_string(v));
+    T back{};
+    std::conditional_t<std::is_signed_v<T>, int64_t, uint64_t> wide = 0;
+    if constexpr (std::is_signed_v<T>) {
+      ASSERT_TRUE(morvek::do_signed_fetch(s.data(), s.size(), back)) << s;
+    } else {
+      ASSERT_TRUE(morvek::parse_unsigned_val(s.data(), s.size(), back)) << s;
+    }
+    ASSERT_TRUE(morvek::fetchInBase(s, wide, 10)) << s;
+    ASSERT_EQ(back, v);
+    ASSERT_EQ(wide, v);
+  }
+}
+
+TEST(DecimalParsing, AppendNumberRoundTripsAtTypeBoundaries) {
+  roundTripBoundaries<int16_t>();
+  roundTripBoundaries<int32_t>();
+  roundTripBoundaries<int64_t>();
+  roundTripBoundaries<uint16_t>();
+  roundTripBoundaries<uint32_t>();
+  roundTripBoundaries<uint64_t>();
+}
+
+// The base-honouring family defers to the C library: random texts must get the C library's
+// answer except where the stated rules differ (trailing text, '-' for unsigned, range).
+TEST(FetchInBase, AgreesWithCLibrary) {
+  std::mt19937_64 rng(20240611);
+  const char alphabet[] = " \t+-0123456789abcdefxXz";
+  for (int i = 0; i < 20000; ++i) {
+    std::string s;
+    const size_t n = rng() % 24;
+    for (size_t k = 0; k < n; ++k) s.push_back(alphabet[rng() % (sizeof(alphabet) - 1)]);
+    const int base = std::array{0, 8, 10, 16, 36}[rng() % 5];
+
+    char *end = nullptr;
+    errno = 0;
+    long long sref = strtoll(s.c_str(), &end, base);
+    bool sok = end != s.c_str() && *end == '\0' &&
+               !(errno == ERANGE && (sref == LLONG_MAX || sref == LLONG_MIN));
+    int64_t sv = 0;
+    ASSERT_EQ(morvek::fetchInBase(s, sv, base), sok) << s << " base " << base;
+    if (sok) {
+      ASSERT_EQ(sv, sref);
+    }
+
+    errno = 0;
+    unsigned long long uref = strtoull(s.c_str(), &end, base);
+    bool uok = end != s.c_str() && *end == '\0' && !(errno == ERANGE && uref == ULLONG_MAX) &&
+               StrSegment(s).trimmed().find('-') != 0;
+    uint64_t uv = 0;
+    ASSERT_EQ(morvek::fetchInBase(s, uv, base), uok) << s << " base " << base;
+    if (uok) {
+      ASSERT_EQ(uv, uref);
+    }
+  }
+}
+
+TEST(FetchInBase, NarrowFormsEmbeddedNulAndLongText) {
+  int32_t s = 0;
+  EXPECT_FALSE(morvek::fetchInBase("2147483648", s, 10));
+  EXPECT_TRUE(morvek::fetchInBase("-2147483648", s, 10));
+  EXPECT_EQ(s, INT32_MIN);
+  uint32_t u32 = 0;
+  EXPECT_FALSE(morvek::fetchInBase("4294967296", u32, 10));
+  EXPECT_FALSE(morvek::fetchInBase(StrSegment("12\0003", 4), u32, 10));
+  // Longer than the stack buffer: the heap copy must parse the same.
+  EXPECT_TRUE(morvek::fetchInBase(std::string(100, ' ') + "12345", u32, 10));
+  EXPECT_EQ(u32, 12345u);
+}
+
+TEST(DoubleToInteger, BoundsAndExactness) {
+  // Accepted by int16, int32, int64, uint16, uint32, uint64 in that order.
+  struct Case {
+    double v;
+    const char *accepted;
+  } cases[] = {{-32768.0, "111000"},
+               {-32768.4, "000000"},
+               {-32769.0, "011000"},
+               {65535.0, "011111"},
+               {65536.0, "011011"},
+               {-0.0, "111111"},
+               {1.5, "000000"},
+               {2147483648.0, "001011"},
+               {4294967296.0, "001001"},
+               {9007199254740991.0, "001001"},
+               {9007199254740992.0, "000000"},
+               {-9007199254740992.0, "001000"},
+               {-9007199254740994.0, "000000"},
+               {std::nan(""), "000000"},
+               {INFINITY, "000000"}};
+  for (const Case &c : cases) {
+    int16_t a;
+    int32_t b;
+    int64_t d;
+    uint16_t e;
+    uint32_t f;
+    uint64_t g;
+    const std::string got = {
+        "01"[morvek::doubleToInteger(c.v, a)], "01"[morvek::doubleToInteger(c.v, b)],
+        "01"[morvek::doubleToInteger(c.v, d)], "01"[morvek::doubleToInteger(c.v, e)],
+        "01"[morvek::doubleToInteger(c.v, f)], "01"[morvek::doubleToInteger(c.v, g)]};
+    EXPECT_EQ(got, c.accepted) << c.v;
+    if (got[2] == '1') {
+      EXPECT_EQ(static_cast<double>(d), c.v);
+    }
+  }
+}
+
+TEST(ParseBool, Words) {
+  // 1 true, 0 false, -1 a failure.
+  struct Case {
+    const char *text;
+    int want;
+  } cases[] = {{"TRUE", 1}, {"Yes", 1}, {"t", 1},      {"1", 1},    {"no", 0}, {"F", 0},
+               {"0", 0},    {"2", -1},  {" true", -1}, {"tru", -1}, {"", -1}};
+  for (const Case &c : cases) {
+    bool v = c.want != 1;  // the opposite, so an untouched value shows
+    bool ok = morvek::parseBool(c.text, strlen(c.text), v);
+    EXPECT_EQ(ok ? int(v) : -1, c.want) << c.text;
+    EXPECT_EQ(v, ok ? c.want == 1 : c.want != 1) << c.text;
+  }
+  EXPECT_TRUE(morvek::parseBoolOr("", 0, true, false));
+  EXPECT_FALSE(morvek::parseBoolOr("maybe", 5, true, false));
+  EXPECT_TRUE(morvek::parseBoolOr("YES", 3, false, false));
+}
+
+TEST(ParseByteSize, UnitsLongFormsAndPlurals) {
+  struct Case {
+    const char *text;
+    std::optional<uint64_t> decimal, binary;
+  } cases[] = {{"1kB", 1000, 1024},
+               {"1 KiB", 1024, 1024},
+               {"1kb", 1000, 1024},
+               {"0", 0, 0},
+               {"00MB", 0, 0},
+               {"kB", {}, {}},
+               {"1 parsec", {}, {}},
+               {"  12", 12, 12},
+               {"12 ", {}, {}},
+               {"3 MB \t", 3000000, 3145728},
+               {"1 bytes", 1, 1},
+               {"5 KILOBYTEs", 5000, 5120},
+               {"5 KILOBYTES", {}, {}},
+               {"7TB", 7000000000000, 7696581394432},
+               {"000018446744073709551615", UINT64_MAX, UINT64_MAX},
+               {"18446744073709551616", {}, {}},
+               {"123456789012345678901", {}, {}},
+               {"1.5MB", {}, {}}};
+  for (const Case &c : cases) {
+    uint64_t v = 42;
+    bool ok = morvek::parseByteSize(c.text, strlen(c.text), v);
+    EXPECT_EQ(ok ? std::optional<uint64_t>(v) : std::nullopt, c.decimal) << c.text;
+    EXPECT_EQ(ok, v != 42);
+    ok = morvek::parseByteSizeBinary(c.text, strlen(c.text), v);
+    EXPECT_EQ(ok ? std::optional<uint64_t>(v) : std::nullopt, c.binary) << c.text;
+  }
+}
+
+TEST(NumberText, ByteSizesHexAndDoubles) {
+  struct Case {
+    uint64_t value, hint;
+    const char *want;
+  } cases[] = {{1024, 0, "1KiB"},
+               {1536, 0, "1.500KiB"},
+               {1000, ByteSize::DECIMAL, "1kB"},
+               {1000, 0, "1000B"},
+               {1023, ByteSize::BINARY, "1023B"},
+               {1048576, 4096, "1MiB"},
+               {2500000, ByteSize::DECIMAL, "2.500MB"},
+               {5000000000000000, 10, "5000TB"}};
+  for (const Case &c : cases) {
+    Str s("x");
+    morvek::appendByteSize(s, ByteSize{c.value, c.hint});
+    EXPECT_EQ(s, std::string("x") + c.want);
+  }
+
+  Str h;
+  morvek::appendHex(h, 0);
+  morvek::appendHex(h, UINT64_MAX);
+  morvek::appendHexUpper(h, 0xBEEF, 6);
+  EXPECT_EQ(h, "0ffffffffffffffff00BEEF");
+
+  Str d;
+  morvek::appendDouble(d, 0.1);
+  morvek::appendDouble(d, -INFINITY);
+  morvek::appendDouble(d, 1e-7);
+  EXPECT_EQ(d, "0.1-Infinity0.0000001");
 }
 
 }  // namespace

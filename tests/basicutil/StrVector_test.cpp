@@ -1,0 +1,179 @@
+// StrVector's text operations, the vector of views, and the ordered string containers.
+#include "basicutil/StrVector.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+namespace {
+
+using morvek::Str;
+using morvek::StrSegment;
+using morvek::StrSegmentVector;
+using morvek::StrSet;
+using morvek::StrVector;
+
+TEST(StrVectorJoin, SeparatorBeforeFirstOnlyWhenOutHasText) {
+  struct Case {
+    StrVector v;
+    const char *out;
+    const char *want;
+  } cases[] = {{{"a", "b"}, "", "a,b"},
+               {{"a", "b"}, "x", "x,a,b"},
+               {{""}, "x", "x,"},
+               {{}, "x", "x"},
+               {{}, "", ""},
+               {{"", ""}, "", ","},
+               {{"only"}, "", "only"}};
+  for (const Case &c : cases) {
+    Str a(c.out), b(c.out), d(c.out);
+    c.v.join(a, ',');
+    c.v.join(b, ",");
+    c.v.join(d, ",;", 1);
+    EXPECT_EQ(a, c.want) << c.v.debugString();
+    EXPECT_EQ(b, c.want);
+    EXPECT_EQ(d, c.want);
+  }
+  Str multi;
+  StrVector{"a", "b", "c"}.join(multi, " - ");
+  EXPECT_EQ(multi, "a - b - c");
+
+  Str quoted;
+  StrVector{"x", "a b", "OR", ""}.joinQuoted(quoted, ' ');
+  EXPECT_EQ(quoted, "x \"a b\" \"OR\" \"\"");
+
+  StrVector owners{"p", "q"};
+  StrSegmentVector views{StrSegment("s")};
+  views.appendAll(owners);
+  EXPECT_EQ(views[1].data(), owners[0].data());  // views, not copies
+  Str joined("<");
+  views.join(joined, '|');
+  EXPECT_EQ(joined, "<|s|p|q");
+  StrSegmentVector more{StrSegment("m")};
+  more.insertSegments(more.begin(), views.begin(), views.begin() + 2);
+  Str all;
+  more.join(all, "");
+  EXPECT_EQ(all, "spm");
+}
+
+TEST(StrVectorEdit, AppendAndSteal) {
+  StrVector v{"a"};
+  v.push_back("b");
+  v.push_back("cde", 1);
+  v.push_back(Str("d"));
+  v.push_back(static_cast<const char *>(nullptr));
+  v.appendAll(std::vector<StrSegment>{StrSegment("e")});
+  v.appendAll(v);
+  EXPECT_EQ(v, (StrVector{"a", "b", "c", "d", "", "e", "a", "b", "c", "d", "", "e"}));
+
+  // Long strings are moved: their buffers travel into the receiving vector.
+  const std::string longText(100, 'L');
+  StrVector into{"first"};
+  StrVector from{Str(longText), "s"};
+  const char *buffer = from[0].data();
+  into.appendStealing(std::move(from));
+  EXPECT_EQ(into, (StrVector{"first", Str(longText), "s"}));
+  EXPECT_EQ(into[1].data(), buffer);
+  EXPECT_TRUE(from.empty());
+
+  StrVector empty;
+  StrVector big{"x", "y"};
+  empty.appendStealing(std::move(big));
+  EXPECT_EQ(empty, (StrVector{"x", "y"}));
+  into.appendStealing(StrVector{});
+  EXPECT_EQ(into.size(), 3u);
+
+  EXPECT_TRUE(into.contains("s"));
+  EXPECT_FALSE(into.contains("firs"));
+  EXPECT_TRUE(StrVector{""}.contains(""));
+}
+
+TEST(StrVectorEdit, DuplicatesKeepFirstInOrder) {
+  // Short and long strings both: the kept views must survive the moves.
+  const Str longA(40, 'a'), longB(40, 'b');
+  struct Case {
+    StrVector in, kept, removed;
+  } cases[] = {
+      {{"a", "b", "a", "c", "b"}, {"a", "b", "c"}, {"a", "b"}},
+      {{"x"}, {"x"}, {}},
+      {{}, {}, {}},
+      {{"z", "z", "z"}, {"z"}, {"z", "z"}},
+      {{longA, "b", longA, longB, "b", longB, "c"}, {longA, "b", longB, "c"}, {longA, "b", longB}},
+      {{"b", "a", "", "a", ""}, {"b", "a", ""}, {"a", ""}}};
+  for (Case &c : cases) {
+    StrVector v = c.in, removed;
+    EXPECT_EQ(v.removeDuplicates(removed), c.removed.size());
+    EXPECT_EQ(v, c.kept);
+    EXPECT_EQ(removed, c.removed);
+    StrVector w = c.in;
+    EXPECT_EQ(w.removeDuplicates(), c.removed.size());
+    EXPECT_EQ(w, c.kept);
+  }
+  StrVector adj{"a", "a", "b", "a", "a", "a"};
+  EXPECT_EQ(adj.removeAdjacentDuplicates(), 3u);
+  EXPECT_EQ(adj, (StrVector{"a", "b", "a"}));
+}
+
+TEST(StrVectorEdit, SortReverseShuffle) {
+  StrVector v{"b", "a\xFF", "a", "", "B"};
+  v.sort();
+  EXPECT_EQ(v, (StrVector{"", "B", "a", "a\xFF", "b"}));
+  v.reverse();
+  EXPECT_EQ(v, (StrVector{"b", "a\xFF", "a", "B", ""}));
+  StrVector one{"x"};
+  one.reverse();
+  EXPECT_EQ(one, StrVector{"x"});
+
+  // Every element survives, and every position gets every element sometimes.
+  const StrVector base{"0", "1", "2", "3", "4"};
+  int seen[5][5] = {};
+  bool swappedPair = false, keptPair = false;
+  for (int round = 0; round < 2000; ++round) {
+    StrVector s = base;
+    s.shuffle();
+    StrVector sorted = s;
+    sorted.sort();
+    ASSERT_EQ(sorted, base);
+    for (int i = 0; i < 5; ++i) ++seen[i][s[i][0] - '0'];
+    StrVector pair{"p", "q"};
+    pair.shuffle();
+    (pair[0] == "q" ? swappedPair : keptPair) = true;
+  }
+  for (auto &row : seen) {
+    for (int count : row) EXPECT_GT(count, 250);  // 400 expected each
+  }
+  EXPECT_TRUE(swappedPair);
+  EXPECT_TRUE(keptPair);
+}
+
+TEST(StrVectorText, DebugListAndFootprint) {
+  EXPECT_EQ(StrVector{}.debugString(), "{}");
+  EXPECT_EQ(StrVector{}.listString(), "[]");
+  EXPECT_EQ((StrVector{"a", "b"}.debugString()), "{[0]='a' [1]='b'}");
+  EXPECT_EQ((StrVector{"a", "b c", "", "d\te"}.listString()), "[a 'b c'  'd\te']");
+
+  StrVector v;
+  v.reserve(4);
+  v.push_back("short");
+  v.push_back(Str(100, 'x'));
+  EXPECT_EQ(v.memoryFootprint(), 4 * sizeof(Str) + 22 + v[1].capacity());
+}
+
+TEST(StrSetOps, EqualsJoinAssign) {
+  StrSet a{"b", "a", "c"}, b{"c", "a", "b"}, c{"a", "b"};
+  EXPECT_TRUE(a.equals(b));
+  EXPECT_FALSE(a.equals(c));
+  EXPECT_FALSE(c.equals(a));
+  Str out("=");
+  a.join(out);
+  EXPECT_EQ(out, "=a,b,c");
+  c.assign(a);
+  EXPECT_TRUE(c.equals(a));
+  // Lookups by view need no Str.
+  EXPECT_NE(a.find(StrSegment("b")), a.end());
+  morvek::StrMap m{{"k", "v"}};
+  EXPECT_EQ(m.find(StrSegment("k"))->second, "v");
+}
+
+}  // namespace
