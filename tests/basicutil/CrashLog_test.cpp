@@ -63,8 +63,8 @@ TEST(CrashLogWriter, NumbersDoublesAndTextForms) {
       {std::nan(""), "NaN"}, {INFINITY, "Infinity"}, {-INFINITY, "-Infinity"},
       // clang-format on
   };
-  for (const auto &[v, want] : doubles)
-    EXPECT_EQ(render([&](CrashLogWriter &w) { w.writeDouble(v); }), want) << v;
+  for (const auto &c : doubles)
+    EXPECT_EQ(render([&](CrashLogWriter &w) { w.writeDouble(c.first); }), c.second) << c.first;
   // The shortest digits read back to the same value.
   std::string third = render([](CrashLogWriter &w) { w.writeDouble(1.0 / 3.0); });
   EXPECT_EQ(std::stod(third), 1.0 / 3.0) << third;
