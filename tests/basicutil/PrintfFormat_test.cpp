@@ -40,40 +40,13 @@ struct RecordingWriter {
   }
 };
 
-std::string crash(const char *format, ...) {
-  RecordingWriter w;
-  va_list ap;
-  va_start(ap, format);
-  morvek::vprintfToCrashLog(&w.handle, format, ap);
-  va_end(ap);
-  return w.text;
-}
-
-Str withErrno(int saved_errno, const char *format, ...) {
-  Str s;
-  va_list ap;
-  va_start(ap, format);
-  morvek::vappendPrintf(s, format, ap, saved_errno);
-  va_end(ap);
-  return s;
-}
-
-StrVector compiledToVector(const PrintfFormat *f, ...) {
-  StrVector v;
+// Hands the arguments after f to f as a va_list, for the entry points that take one.
+template <class F>
+void withArgs(F f, ...) {
   va_list ap;
   va_start(ap, f);
-  f->vrenderToVector(v, ap, ENOENT);
+  f(ap);
   va_end(ap);
-  return v;
-}
-
-std::string compiledToCrash(const PrintfFormat *f, ...) {
-  RecordingWriter w;
-  va_list ap;
-  va_start(ap, f);
-  f->vrenderToCrashLog(&w.handle, ap);
-  va_end(ap);
-  return w.text;
 }
 
 // Each atom printed back as format text, joined by "|".
@@ -97,38 +70,20 @@ TEST(PrintfParse, AtomsPrintBackAsTheirCanonicalForm) {
     const char *format, *atoms;
     unsigned args;
   } cases[] = {
-      {"", "", 0},
-      {"%", "%%", 0},
-      {"%%", "%%", 0},
-      {"100%", "100|%%", 0},
-      {"%-5%", "%%", 0},
-      {"abc%-5", "abc|%%", 0},
-      {"%5.", "%%", 0},
-      {"%y", "%%y", 0},
-      {"%-5y", "%%-5y", 0},
-      {"%*y", "%%*y", 0},
-      {"%Lf", "%%L|f", 0},
-      {"%I64d", "%ld", 1},
-      {"%I32u", "%u", 1},
-      {"%Id", "%d", 1},
-      {"%Ia", "%la", 1},
-      {"%I", "%%", 0},
-      {"%wsXd", "%ld", 1},
-      {"%wc", "%%", 0},
-      {"%w5d", "%%w|5d", 0},
-      {"%hhd%hd%ld%lld%qd%jd%td%zd", "%hhd|%hd|%ld|%ld|%ld|%ld|%ld|%ld", 8},
-      {"% +d|%+ d", "%+d|\\||%+d", 2},
-      {"%-05d%0-5d", "%-5d|%-5d", 2},
-      {"%05.2d%05.*x%05.2f", "%5.2d|%5.*x|%05.2lf", 4},
-      {"%+u% x%+o%+i", "%u|%x|%o|%+d", 4},
-      {"%*.*d", "%*.*d", 3},
-      {"%.d%.s", "%.0d|%.0s", 2},
-      {"%#x%#p%p%#o", "%#x|%p|%p|%#o", 4},
+      // clang-format off
+      {"", "", 0}, {"%", "%%", 0}, {"%%", "%%", 0}, {"100%", "100|%%", 0}, {"%-5%", "%%", 0},
+      {"abc%-5", "abc|%%", 0}, {"%5.", "%%", 0}, {"%y", "%%y", 0}, {"%-5y", "%%-5y", 0},
+      {"%*y", "%%*y", 0}, {"%Lf", "%%L|f", 0}, {"%I64d", "%ld", 1}, {"%I32u", "%u", 1},
+      {"%Id", "%d", 1}, {"%Ia", "%la", 1}, {"%I", "%%", 0}, {"%wsXd", "%ld", 1}, {"%wc", "%%", 0},
+      {"%w5d", "%%w|5d", 0}, {"%hhd%hd%ld%lld%qd%jd%td%zd", "%hhd|%hd|%ld|%ld|%ld|%ld|%ld|%ld", 8},
+      {"% +d|%+ d", "%+d|\\||%+d", 2}, {"%-05d%0-5d", "%-5d|%-5d", 2},
+      {"%05.2d%05.*x%05.2f", "%5.2d|%5.*x|%05.2lf", 4}, {"%+u% x%+o%+i", "%u|%x|%o|%+d", 4},
+      {"%*.*d", "%*.*d", 3}, {"%.d%.s", "%.0d|%.0s", 2}, {"%#x%#p%p%#o", "%#x|%p|%p|%#o", 4},
       {"%'d%'u%'x%'f%'g%'e", "%'d|%'u|%x|%'lf|%'lg|%le", 6},
       // %m counts as an argument although it reads none.
       {"%X%E%F%G%A%c%s%m", "%X|%lE|%lF|%lG|%lA|%c|%s|%m", 8},
-      {"%05s%-3c", "%05s|%-3c", 2},
-      {"a%%b", "a|%%|b", 0},
+      {"%05s%-3c", "%05s|%-3c", 2}, {"a%%b", "a|%%|b", 0},
+      // clang-format on
   };
   for (const Case &c : cases) {
     unsigned args = 0;
@@ -140,14 +95,13 @@ TEST(PrintfParse, AtomsPrintBackAsTheirCanonicalForm) {
   }
 }
 
-TEST(PrintfParse, OptionsDecideWhatMPAndZMean) {
+TEST(PrintfParse, OptionsConstantsAndCompiledCopies) {
   EXPECT_EQ(atomsOf("%m", morvek::PRINTF_OPT_POINTER), "%%m");
   EXPECT_EQ(atomsOf("%p", morvek::PRINTF_OPT_ERRNO), "%X");
   EXPECT_EQ(atomsOf("%zd", morvek::PRINTF_OPT_DEFAULT | morvek::PRINTF_OPT_Z_STRING), "%s|d");
   EXPECT_EQ(atomsOf("%z", morvek::PRINTF_OPT_DEFAULT), "%%");
-}
 
-TEST(PrintfParse, ConstantsPointIntoTheFormatAndCompiledCopiesOwnTheirText) {
+  // Constants point into the format, and compiled copies own their text.
   const char *format = "ab%%cd";
   StrSegment view(format);
   PrintfFormatAtom atom;
@@ -189,66 +143,32 @@ TEST(PrintfParse, VariableWidthAndPrecisionAreSetOnce) {
   EXPECT_DEATH(morvek::append_stringified(out, bad), "PAD_LEFT_ZEROS");
 }
 
-TEST(PrintfRender, FrameAndTextEdges) {
-  EXPECT_EQ(fmt("%*d|", -5, 1), "1    |");
-  EXPECT_EQ(fmt("%0.*d|", -1, 42), "42|");
+// Where the engine's output differs from the C library's; what matches it is checked by the
+// differential test.
+TEST(PrintfRender, WhereTheEngineDiffersFromC) {
   EXPECT_EQ(fmt("%05.*d|", -1, 42), "   42|");
-  EXPECT_EQ(fmt("%05.2d|%+u|", 5, 5u), "   05|5|");
-  EXPECT_EQ(fmt("% +d|%+ d|%-05d|%0-5d|", 1, 2, 3, 4), "+1|+2|3    |4    |");
-  EXPECT_EQ(fmt("%05s|%.0s|%.2s|%-4c|", "ab", "gone", "abc", 'x'), "   ab||ab|x   |");
   EXPECT_EQ(fmt("%hhd|%hu|%hx", 300, 70000, -1), "300|70000|ffffffff");
   EXPECT_EQ(fmt("%Lf|%d", 9), "%Lf|9");
   EXPECT_EQ(fmt("%I64d|%I32d|%wsXd", 1LL << 40, -2, 5LL), "1099511627776|-2|5");
-  std::string with_nul = fmt("<%c>", 0);
-  EXPECT_EQ(with_nul, std::string("<\0>", 3));
-}
-
-TEST(PrintfRender, IntegerEdges) {
-  EXPECT_EQ(fmt("%lld", LLONG_MIN), "-9223372036854775808");
+  EXPECT_EQ(fmt("<%c>", 0), std::string("<\0>", 3));
+  EXPECT_EQ(fmt("[%.0d|%+.0d|%5.0d|% .0d]", 0, 0, 0, 0), "[||     |]");
   EXPECT_EQ(fmt("%'lld|%'llu", LLONG_MIN, ULLONG_MAX),
             "-9,223,372,036,854,775,808|18,446,744,073,709,551,615");
-  EXPECT_EQ(fmt("[%.0d|%+.0d|%5.0d|% .0d]", 0, 0, 0, 0), "[||     |]");
-  EXPECT_EQ(fmt("%+d|% d|% 05d|%- 5d|", 0, 5, 5, 5), "+0| 5| 0005| 5   |");
   EXPECT_EQ(fmt("%'d|%'d|%'.10d|%'d|%'012d", 1234567, -1234, 1234567, 999, 1234567),
             "1,234,567|-1,234|01,234,567|999|0001,234,567");
-  EXPECT_EQ(fmt("%#x|%#o|%#.0o|%.0x|%#.0x", 0, 0, 0, 0, 0), "0|0|0||");
-  EXPECT_EQ(fmt("%#.3x|%#06x|%#X|%#o|%#.5o", 1, 1, 255, 8, 8), "0x001|0x0001|0XFF|010|00010");
-  EXPECT_EQ(fmt("%o|%x|%X", 0xffffffffu, 0xabcdefu, 0xabcdefu), "37777777777|abcdef|ABCDEF");
-  EXPECT_EQ(fmt("%llo", ULLONG_MAX), "1777777777777777777777");
-}
-
-TEST(PrintfRender, Pointers) {
-  EXPECT_EQ(fmt("%p|%7p|%-7p|%07p|%.9p", nullptr, nullptr, nullptr, nullptr, nullptr),
-            "(nil)|  (nil)|(nil)  |  (nil)|(nil)");
   void *p = reinterpret_cast<void *>(0xbeef);
-  EXPECT_EQ(fmt("%p|%8p|%-8p|%08p|%+p|%.6p", p, p, p, p, p, p),
-            "0xbeef|  0xbeef|0xbeef  |0x00beef|0xbeef|0x00beef");
+  EXPECT_EQ(fmt("%08p|%+p|%.6p", p, p, p), "0x00beef|0xbeef|0x00beef");
   Str direct;
   morvek::append_stringified(direct,
                              morvek::printfPointerValue(morvek::printfDefaultPointerAtom(), 0x1f));
   EXPECT_EQ(direct, "0x1f");
-}
-
-TEST(PrintfRender, FloatEdges) {
-  EXPECT_EQ(fmt("%f|%.0f|%.0f|%.0f|%#.0f", 0.5, 0.5, 1.5, 2.5, 1.0), "0.500000|0|2|2|1.");
   EXPECT_EQ(fmt("%.2f|%.2f|%.1f|%.3f", 1.005, 2.675, 0.25, 1.0005), "1.00|2.68|0.2|1.000");
-  EXPECT_EQ(fmt("%g|%g|%g|%g", 100000.0, 1000000.0, 0.0001, 0.00001), "100000|1e+06|0.0001|1e-05");
-  EXPECT_EQ(fmt("%g|%g|%.3g|%g", 999999.5, 0.000099999999, 1.0001e10, 1.0001),
-            "1000000|0.0001|1e+10|1.0001");
-  EXPECT_EQ(fmt("%#g|%#.3g|%.0g|%#.0e", 1.5, 100.0, 25.0, 3.0), "1.50000|100.|2e+01|3.e+00");
-  EXPECT_EQ(fmt("%e|%e|%.0e|%E", 0.0, -0.0, 0.0, 1e-300),
-            "0.000000e+00|-0.000000e+00|0e+00|1.000000E-300");
+  EXPECT_EQ(fmt("%g|%g|%.3g", 999999.5, 0.000099999999, 1.0001e10), "1000000|0.0001|1e+10");
   EXPECT_EQ(fmt("%'f|%'.0f|%'.1f", 1234567.5, 1e22, -999.95),
             "1,234,567.500000|10,000,000,000,000,000,000,000|-1,000.0");
   EXPECT_EQ(fmt("%'012.1f|%'g|%'g", 1234.5, 1234567.0, 123456.0),
             "000001,234.5|1.23457e+06|123,456");
-  EXPECT_EQ(fmt("%a|%a|%a|%.0a|%A|%a", 1.0, 0.0, 0.5, 1.5, -0.0, 0x1.fffffffffffffp0),
-            "0x1p+0|0x0p+0|0x1p-1|0x2p+0|-0X0P+0|0x1.fffffffffffffp+0");
-  EXPECT_EQ(fmt("%.1a|%.2a|%#a|%012a|%a", 0x1.f8p0, 0x1.998p0, 1.0, 1.0, 5e-324),
-            "0x2.0p+0|0x1.9ap+0|0x1.p+0|0x0000001p+0|0x0.0000000000001p-1022");
-  EXPECT_EQ(fmt("%05f|%+F|%-6f|% e|%f|%E", INFINITY, NAN, -INFINITY, INFINITY, -NAN, NAN),
-            "  inf|+NAN|-inf  | inf|nan|NAN");
-  EXPECT_EQ(fmt("%-8.3e|%+012.3f|% f", 1.5, -3.14159, 2.0), "1.500e+00|-0000003.142| 2.000000");
+  EXPECT_EQ(fmt("%f|%+F|%05f", -NAN, NAN, INFINITY), "nan|+NAN|  inf");
   EXPECT_EQ(fmt("%.3f|%.30f", 1e-300, 0.1), "0.000|0.100000000000000000000000000000");
   EXPECT_EQ(fmt("%.1200f", 1.0).size(), 1202u);
 }
@@ -260,12 +180,14 @@ TEST(PrintfRender, ErrnoTextUsesTheSavedNumber) {
   EXPECT_EQ(s, "No such file or directory|No s|No such file or directory   |");
   EXPECT_EQ(errno, ENOENT);
   errno = EINVAL;
-  EXPECT_EQ(withErrno(EACCES, "%m"), "Permission denied");
+  Str saved;
+  withArgs([&](va_list ap) { morvek::vappendPrintf(saved, "%m", ap, EACCES); });
+  EXPECT_EQ(saved, "Permission denied");
   errno = 123456;
   EXPECT_EQ(fmt("%m"), "UNKNOWN ERROR");
 }
 
-TEST(PrintfSinks, StrMembersReplaceAppendAndConstruct) {
+TEST(PrintfSinks, StrMembersVectorAndCrashLog) {
   Str s("old");
   s.appendf("+%d", 1);
   EXPECT_EQ(s, "old+1");
@@ -277,31 +199,33 @@ TEST(PrintfSinks, StrMembersReplaceAppendAndConstruct) {
   Str big(Str::FORMAT, "%300d|%s", 1, "end");
   EXPECT_EQ(big.size(), 304u);
   EXPECT_EQ(big.substr(299), "1|end");
-}
 
-TEST(PrintfSinks, VectorGetsOneElementPerConversion) {
+  // A vector gets one element per conversion.
   StrVector v{"kept"};
   morvek::appendPrintfToVector(v, "a%db%5sc%%d%c", 12, "xy", 'z');
   EXPECT_EQ(v, (StrVector{"kept", "12", "   xy", "z"}));
   PrintfFormat compiled("[%x][%m]");
-  EXPECT_EQ(compiledToVector(&compiled, 255), (StrVector{"ff", "No such file or directory"}));
-}
+  v.clear();
+  withArgs([&](va_list ap) { compiled.vrenderToVector(v, ap, ENOENT); }, 255);
+  EXPECT_EQ(v, (StrVector{"ff", "No such file or directory"}));
 
-TEST(PrintfSinks, CrashSinkMatchesStrSinkAndFillsInChunks) {
-  const char *s = "text";
-  EXPECT_EQ(crash("[%d|%-6s|%#x|%p|%.3e|%'g|%%|%c|%a|%5p]", -7, s, 255u, (void *)0x10, 1.5, 1e6,
-                  'q', 0.75, nullptr),
-            fmt("[%d|%-6s|%#x|%p|%.3e|%'g|%%|%c|%a|%5p]", -7, s, 255u, (void *)0x10, 1.5, 1e6, 'q',
-                0.75, nullptr));
+  // The crash sink matches the Str sink, and fills in chunks.
   RecordingWriter w;
+  morvek::printfToCrashLog(&w.handle, "[%d|%-6s|%#x|%p|%.3e|%'g|%%|%c|%a|%5p]", -7, "text", 255u,
+                           (void *)0x10, 1.5, 1e6, 'q', 0.75, (void *)nullptr);
+  EXPECT_EQ(w.text, fmt("[%d|%-6s|%#x|%p|%.3e|%'g|%%|%c|%a|%5p]", -7, "text", 255u, (void *)0x10,
+                        1.5, 1e6, 'q', 0.75, nullptr));
+  w.text.clear();
   morvek::printfToCrashLog(&w.handle, "%100d|%-70s|%080d", 1, "x", 2);
   EXPECT_EQ(w.text, fmt("%100d|%-70s|%080d", 1, "x", 2));
   EXPECT_LE(w.largest, 32u);
 
-  PrintfFormat compiled("<%*s>");
-  EXPECT_EQ(compiledToCrash(&compiled, -4, "ab"), "<ab  >");
+  PrintfFormat padded("<%*s>");
+  w.text.clear();
+  withArgs([&](va_list ap) { padded.vrenderToCrashLog(&w.handle, ap); }, -4, "ab");
+  EXPECT_EQ(w.text, "<ab  >");
   Str via_str;
-  compiled.render(via_str, 4, "ab");
+  padded.render(via_str, 4, "ab");
   EXPECT_EQ(via_str, "<  ab>");
 }
 
