@@ -5,7 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <string>
+#include <algorithm>
 
 #include "testutil.h"
 
@@ -20,22 +20,14 @@ long long monotonicMs() {
 }
 
 TEST(ProgramUsage, EveryWrongCommandLinePrintsUsageAndExitsZero) {
-  const std::vector<std::vector<std::string>> lines = {
-      {MORVEK_CHILD_PATH},
-      {MORVEK_CHILD_PATH, "--run", "--run"},
-      {MORVEK_CHILD_PATH, "--run", "x"},
-      {MORVEK_CHILD_PATH, "--RUN"},
-      {MORVEK_CHILD_PATH, "--run "},
-      {MORVEK_CHILD_PATH, "-run"},
-      {MORVEK_CHILD_PATH, "--ru"},
-      {MORVEK_CHILD_PATH, "--runx"},
-      {MORVEK_CHILD_PATH, ""},
-  };
-  for (const auto &argv : lines) {
-    SCOPED_TRACE(argv.size() > 1 ? "arg: '" + argv[1] + "'" : "no argument");
+  const std::vector<std::string> lines[] = {{},        {"--run", "--run"}, {"--run", "x"},
+                                            {"--RUN"}, {"--run "},         {"-run"},
+                                            {"--ru"},  {"--runx"},         {""}};
+  for (std::vector<std::string> argv : lines) {
+    SCOPED_TRACE(argv.empty() ? "no argument" : "arg: '" + argv[0] + "'");
+    argv.insert(argv.begin(), MORVEK_CHILD_PATH);
     testutil::RunResult r = testutil::runToCompletion(argv, 5000);
-    ASSERT_TRUE(WIFEXITED(r.status));
-    EXPECT_EQ(WEXITSTATUS(r.status), 0);
+    EXPECT_TRUE(WIFEXITED(r.status) && WEXITSTATUS(r.status) == 0) << r.status;
     EXPECT_EQ(r.out, kUsage);
     EXPECT_EQ(r.err, "");
   }
@@ -55,32 +47,18 @@ TEST(ProgramRun, WritesNumberedLinesInOrderAndDiesCleanlyOnSignal) {
     // The next stdout line cannot have started yet: its index is one more, ~500 ms later.
     EXPECT_LT(monotonicMs() - out_at, 400);
   }
-  ASSERT_EQ(kill(child.pid, SIGTERM), 0);
-  int status = testutil::waitWithTimeout(child.pid, 3000);
-  ASSERT_NE(status, -1);
-  ASSERT_TRUE(WIFSIGNALED(status));
-  EXPECT_EQ(WTERMSIG(status), SIGTERM);
-  close(child.out_fd);
-  close(child.err_fd);
-}
-
-// A reader that polls the pipe between the two halves of a line must find nothing: the first
-// half waits in the stream's buffer until the line is complete.
-TEST(ProgramRun, HalfLinesNeverReachThePipe) {
-  testutil::ChildProcess child = testutil::spawnWithPipes({MORVEK_CHILD_PATH, "--run"});
-  std::string line;
-  ASSERT_TRUE(testutil::readLine(child.out_fd, line, 3000));
-  // Now between cycles: the pipe stays empty for a while, then a whole line arrives at once.
+  // A reader polling the pipe between the two halves of a line finds nothing: the first half
+  // waits in the stream's buffer until the line is complete, and then arrives with it at once.
   char buf[128];
   ssize_t n;
   do {
     n = read(child.out_fd, buf, sizeof buf);
   } while (n < 0 && errno == EINTR);
-  ASSERT_GT(n, 0);
-  std::string chunk(buf, static_cast<size_t>(n));
-  EXPECT_EQ(chunk, "Message from stdout,idx=1\n");
-  kill(child.pid, SIGKILL);
-  testutil::waitWithTimeout(child.pid, 3000);
+  EXPECT_EQ(std::string(buf, static_cast<size_t>(std::max<ssize_t>(n, 0))),
+            "Message from stdout,idx=3\n");
+  ASSERT_EQ(kill(child.pid, SIGTERM), 0);
+  int status = testutil::waitWithTimeout(child.pid, 3000);
+  EXPECT_TRUE(status != -1 && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
   close(child.out_fd);
   close(child.err_fd);
 }
@@ -90,11 +68,9 @@ TEST(ProgramRun, ExitsZeroSoonAfterTheLimit) {
   long long start = monotonicMs();
   testutil::RunResult r = testutil::runToCompletion({MORVEK_CHILD_SHORT_PATH, "--run"}, 10000);
   long long elapsed = monotonicMs() - start;
-  ASSERT_TRUE(WIFEXITED(r.status)) << "status " << r.status;
-  EXPECT_EQ(WEXITSTATUS(r.status), 0);
+  EXPECT_TRUE(WIFEXITED(r.status) && WEXITSTATUS(r.status) == 0) << r.status;
   // Cycles start at 0, 500, ..., 2000 ms; the last ends at ~2500 ms, main sees it by ~3500 ms.
-  EXPECT_GE(elapsed, 2500);
-  EXPECT_LE(elapsed, 4800);
+  EXPECT_TRUE(elapsed >= 2500 && elapsed <= 4800) << elapsed;
   EXPECT_EQ(r.out,
             "Message from stdout,idx=0\nMessage from stdout,idx=1\nMessage from stdout,idx=2\n"
             "Message from stdout,idx=3\nMessage from stdout,idx=4\n");

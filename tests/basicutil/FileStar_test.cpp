@@ -4,18 +4,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <climits>
 #include <filesystem>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "basicutil/FileDescriptor.h"
 #include "testutil.h"
 
-using morvek::FileStar;
-using morvek::Str;
+using namespace morvek;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -25,7 +20,7 @@ struct ScratchFile {
   ~ScratchFile() { std::filesystem::remove_all(dir); }
   std::string read() {
     Str s;
-    morvek::FileDescriptor(path.c_str()).readAll(s);
+    FileDescriptor(path.c_str()).readAll(s);
     return s;
   }
 };
@@ -77,11 +72,9 @@ TEST(FileStarReadline, FileAndPipeGiveTheSameLines) {
   };
   std::vector<Case> cases = {
       {"empty input", "", {}},
-      {"one empty line", "\n", {""}},
-      {"only CR LF", "\r\n", {""}},
       {"empty lines", "\n\r\n\n", {"", "", ""}},
+      {"only CR LF", "\r\n", {""}},
       {"no final newline", "a\nbc", {"a", "bc"}},
-      {"CR LF", "one\r\ntwo\r\n", {"one", "two"}},
       {"CR inside a line stays", "a\rb\n\rc\n", {"a\rb", "\rc"}},
       {"only the last CR goes", "x\r\r\n", {"x\r"}},
       {"embedded NUL", "ab\0cd\n\0\nef\n"s, {"ab\0cd"s, "\0"s, "ef"}},
@@ -114,8 +107,7 @@ TEST(FileStarReadline, TrailingCarriageReturnAtTheEndDependsOnSeekability) {
   // the end like a newline.
   EXPECT_EQ(linesFromFile("a\nb\r"), (Lines{"a", "b\r"}));
   EXPECT_EQ(linesFromPipe("a\nb\r"), (Lines{"a", "b"}));
-  std::string long_cr = run(255, 0) + "\r";
-  EXPECT_EQ(linesFromPipe(long_cr), (Lines{run(255, 0)}));
+  EXPECT_EQ(linesFromPipe(run(255, 0) + "\r"), (Lines{run(255, 0)}));
 }
 
 TEST(FileStarLifecycle, ClosingKeepsErrnoEvenWhenTheFlushFails) {
@@ -124,7 +116,7 @@ TEST(FileStarLifecycle, ClosingKeepsErrnoEvenWhenTheFlushFails) {
   errno = EDOM;
   EXPECT_FALSE(out.closeQuietly());
   EXPECT_EQ(errno, EDOM);
-  EXPECT_TRUE(out.close());
+  EXPECT_TRUE(out.close());  // already closed
   {
     FileStar dying("/dev/full", "w");
     dying.write("abc", 3);
@@ -133,8 +125,7 @@ TEST(FileStarLifecycle, ClosingKeepsErrnoEvenWhenTheFlushFails) {
   EXPECT_EQ(errno, EILSEQ);
   out.open("/dev/full", "w");
   out.write("abc", 3);
-  EXPECT_FALSE(out.close());
-  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_TRUE(!out.close() && errno == ENOSPC);
   EXPECT_DEATH(
       {
         FileStar lost("/dev/null", "w");
@@ -151,20 +142,15 @@ TEST(FileStarText, NumbersAndFormats) {
     FileStar out(f.path.c_str(), "w");
     static char buffer[64];
     out.setBuffer(buffer, sizeof buffer);
-    out.writeSigned(INT32_MIN);
-    out.writeSigned(INT64_MIN);
-    out.writeUnsigned(UINT32_MAX);
-    out.writeUnsigned(UINT64_MAX);
-    out.writeHex(uint32_t{0xdeadbeef});
-    out.writeHex(UINT64_MAX);
-    out.writeDouble(0.001);
-    out.writeDouble(-1e22);
+    out.writeSigned(INT32_MIN), out.writeSigned(INT64_MIN);
+    out.writeUnsigned(UINT32_MAX), out.writeUnsigned(UINT64_MAX);
+    out.writeHex(uint32_t{0xdeadbeef}), out.writeHex(UINT64_MAX);
+    out.writeDouble(0.001), out.writeDouble(-1e22);
     EXPECT_EQ(out.writeFormat("|%s=%u", "n", 7u), 4);
   }
-  const std::string expected =
-      "-2147483648-922337203685477580842949672951844674407370955161"
-      "5deadbeefffffffffffffffff0.001-10000000000000000000000|n=7";
-  EXPECT_EQ(f.read(), expected);
+  EXPECT_EQ(f.read(),
+            "-2147483648-922337203685477580842949672951844674407370955161"
+            "5deadbeefffffffffffffffff0.001-10000000000000000000000|n=7");
 }
 
 }  // namespace

@@ -3,14 +3,10 @@
 // and emergency paths. The cases run in order and share the process-wide state.
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <string>
-#include <vector>
-
 #include "basicutil/Logger.h"
 #include "testutil.h"
 
-using morvek::Logger;
+using namespace morvek;
 
 namespace isolated_logger_test {
 
@@ -25,10 +21,10 @@ struct EarlyUser {
     // DEBUG as well: before the constructor there is no channel and no level test.
     late_logger.debug("early %d: %m", 7);
     early_errno = errno;
-    morvek::LoggerStreamAccumulator *s = late_logger.info_stream();
-    morvek::LogStream(s) << "streamed " << 8;
+    LoggerStreamAccumulator *s = late_logger.info_stream();
+    LogStream(s) << "streamed " << 8;
     late_logger.info_end(s);
-    late_logger.warn(morvek::StrSegment("segment"));
+    late_logger.warn(StrSegment("segment"));
     early_output = cap.finish();
   }
 };
@@ -36,16 +32,10 @@ EarlyUser early_user;
 Logger late_logger("LateLogger");
 Logger early_logger("EarlyChannel");
 
-struct Recorder : morvek::LogObserver {
-  std::vector<std::string> lines;
-  void observeLogLine(const morvek::Str &line) override { lines.push_back(line); }
-};
-
 TEST(LoggerBeforeInit, HandleUsedBeforeItsConstructorWritesEmergencyLines) {
   EXPECT_EQ(early_output,
             "DEBUG - early 7: Permission denied\nINFO - streamed 8\nWARN - segment\n");
-  EXPECT_EQ(early_errno, EACCES);
-  EXPECT_TRUE(late_logger.isConstructed());
+  EXPECT_TRUE(early_errno == EACCES && late_logger.isConstructed());
 }
 
 TEST(LoggerBeforeInit, RootChannelDecidesUntilInitializeThenEachHandleHasItsOwn) {
@@ -58,16 +48,18 @@ TEST(LoggerBeforeInit, RootChannelDecidesUntilInitializeThenEachHandleHasItsOwn)
   early_logger.debug("hidden");
   early_logger.info("shown %s", "before");
   EXPECT_EQ(cap.finish(), "shown before\n");
-  Recorder rec;
+  struct Recorder : LogObserver {
+    std::vector<std::string> lines;
+    void observeLogLine(const Str &line) override { lines.push_back(line); }
+  } rec;
   EXPECT_DEATH(Logger::registerLogObserver(&early_logger, &rec), "lc");
 
   // Nothing is called on the handles: initialize alone gives them their channels.
   Logger::initialize();
   ASSERT_TRUE(Logger::isInitialized());
-  EXPECT_NE(early_logger.getChannel(), Logger::rootChannel());
-  EXPECT_NE(late_logger.getChannel(), Logger::rootChannel());
-  EXPECT_TRUE(early_logger.isDebugEnabled());
-  EXPECT_FALSE(late_logger.isDebugEnabled());
+  EXPECT_TRUE(early_logger.getChannel() != Logger::rootChannel() &&
+              late_logger.getChannel() != Logger::rootChannel());
+  EXPECT_TRUE(early_logger.isDebugEnabled() && !late_logger.isDebugEnabled());
   EXPECT_EQ(Logger::getCoarseLevel("EarlyChannel"), 1);
 
   // Same name, same channel; made after initialize, it has it at once.
@@ -78,13 +70,12 @@ TEST(LoggerBeforeInit, RootChannelDecidesUntilInitializeThenEachHandleHasItsOwn)
   }
   // A second initialize refreshes every handle and loses none.
   Logger::initialize();
-  EXPECT_EQ(twin.getChannel(), early_logger.getChannel());
-  EXPECT_TRUE(early_logger.isDebugEnabled());
+  EXPECT_TRUE(twin.getChannel() == early_logger.getChannel() && early_logger.isDebugEnabled());
 
-  morvek::ScopedLogObserverRegistration reg(&early_logger, &rec);
+  ScopedLogObserverRegistration reg(&early_logger, &rec);
   {
     // Moving the scope keeps exactly one registration.
-    morvek::ScopedLogObserverRegistration moved(std::move(reg));
+    ScopedLogObserverRegistration moved(std::move(reg));
     testutil::StderrCapture cap;
     early_logger.debug("now %s", "visible");
     EXPECT_EQ(cap.finish(), "now visible\n");
@@ -98,12 +89,12 @@ TEST(LoggerBeforeInit, RootChannelDecidesUntilInitializeThenEachHandleHasItsOwn)
 TEST(LoggerBeforeInit, InternalReportsAvoidTheFailedAppender) {
   testutil::StderrCapture cap;
   errno = EINTR;
-  Logger::logInternal(nullptr, morvek::LOG_ERROR, "to the root: %m");
-  Logger::logInternal(Logger::rootAppender(), morvek::LOG_ERROR, "root failed");
-  Logger::logInternal(nullptr, morvek::LOG_DEBUG, "below the level");
+  Logger::logInternal(nullptr, LOG_ERROR, "to the root: %m");
+  Logger::logInternal(Logger::rootAppender(), LOG_ERROR, "root failed");
+  Logger::logInternal(nullptr, LOG_DEBUG, "below the level");
   int after = errno;
   Logger::setQuietStderr(true);
-  Logger::emergencyLog(morvek::LOG_FATAL, "quiet");
+  Logger::emergencyLog(LOG_FATAL, "quiet");
   Logger::emergencyLog(42, "quiet too");
   Logger::setQuietStderr(false);
   Logger::emergencyLog(42, "odd level");

@@ -5,30 +5,35 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "testutil.h"
-#include <sched.h>
-
 #include <atomic>
 #include <memory>
-#include <string>
 #include <thread>
 #include <vector>
 
-using morvek::MutexByte;
-using morvek::per_thread_state;
-using morvek::qmutex;
-using morvek::ThreadFunction;
+#include "testutil.h"
+
+#ifndef __has_feature
+#define __has_feature(x) 0
+#endif
+
+using namespace morvek;
+using testing::ElementsAre;
 
 namespace {
 
-using testutil::CollectingWriter;
-
 template <typename F>
 std::string render(F f) {
-  CollectingWriter cw;
-  morvek::CrashLogWriter w(&cw.handle);
+  testutil::CollectingWriter cw;
+  CrashLogWriter w(&cw.handle);
   f(w);
   return cw.text;
+}
+
+using Started = std::unique_ptr<ThreadFunction>;
+Started start(const char *name, ThreadFunction::Body body) {
+  auto t = std::make_unique<ThreadFunction>(std::move(body), name);
+  t->go();
+  return t;
 }
 
 // Sleepers linked on the chain for this byte, counted under the chain's mutex.
@@ -46,37 +51,26 @@ void waitForSleepers(MutexByte::Chain &chain, const MutexByte &byte, int n) {
   while (sleepersOn(chain, byte) < n) sched_yield();
 }
 
-// A thread that takes the lock, notes its turn and the byte it saw, and lets go.
-struct Locker {
-  std::unique_ptr<ThreadFunction> thread;
-  Locker(qmutex &q, std::vector<int> &order, std::vector<int> &states, int id) {
-    thread = std::make_unique<ThreadFunction>(
-        [&q, &order, &states, id] {
-          q.lock();
-          order.push_back(id);
-          states.push_back(q._byte.state());
-          q.unlock();
-        },
-        "locker");
-    thread->go();
-  }
-};
-
 TEST(MutexByteHandOff, SleepersGetTheLockInArrivalOrder) {
   qmutex q;
-  std::vector<int> order, states;
-  std::vector<std::unique_ptr<Locker>> lockers;
+  std::vector<int> order, states;  // each locker's turn and the byte it saw
+  std::vector<Started> lockers;
   q.lock();
   for (int id = 1; id <= 5; ++id) {
-    lockers.push_back(std::make_unique<Locker>(q, order, states, id));
+    lockers.push_back(start("locker", [&, id] {
+      q.lock();
+      order.push_back(id);
+      states.push_back(q._byte.state());
+      q.unlock();
+    }));
     waitForSleepers(q, q._byte, id);  // id sleeps before id + 1 starts
   }
   EXPECT_EQ(q._byte.state(), 3);
   q.unlock();
-  for (auto &l : lockers) l->thread->join();
-  EXPECT_THAT(order, testing::ElementsAre(1, 2, 3, 4, 5));
+  for (auto &l : lockers) l->join();
+  EXPECT_THAT(order, ElementsAre(1, 2, 3, 4, 5));
   // The byte stays contended while anybody is still asleep, and is plain locked for the last.
-  EXPECT_THAT(states, testing::ElementsAre(3, 3, 3, 3, 1));
+  EXPECT_THAT(states, ElementsAre(3, 3, 3, 3, 1));
   EXPECT_EQ(q._byte.state(), 0);
   EXPECT_EQ(render([&](morvek::CrashLogWriter &w) { q.writeDebug(w); }),
             "qmutex{unlocked, MutexByte-chain={empty}}");
@@ -86,32 +80,24 @@ TEST(MutexByteHandOff, ByteIsNeverUnlockedBetweenHolders) {
   qmutex q;
   std::atomic<bool> got{false}, watching{true}, saw_zero{false}, release{false};
   q.lock();
-  ThreadFunction sleeper(
-      [&] {
-        q.lock();
-        got = true;
-        while (!release) sched_yield();
-        q.unlock();
-      },
-      "sleeper");
-  sleeper.go();
+  Started sleeper = start("sleeper", [&] {
+    q.lock();
+    got = true;
+    while (!release) sched_yield();
+    q.unlock();
+  });
   waitForSleepers(q, q._byte, 1);
-  ThreadFunction watcher(
-      [&] {
-        while (watching) {
-          if (q._byte.state() == 0) saw_zero = true;
-        }
-      },
-      "watcher");
-  watcher.go();
+  Started watcher = start("watcher", [&] {
+    while (watching) saw_zero = saw_zero || q._byte.state() == 0;
+  });
   q.unlock();
   while (!got) sched_yield();
   watching = false;
-  watcher.join();
+  watcher->join();
   EXPECT_FALSE(saw_zero);
   EXPECT_EQ(q._byte.state(), MutexByte::STATE_LOCKED);
   release = true;
-  sleeper.join();
+  sleeper->join();
 }
 
 TEST(MutexByteChain, TwoBytesShareOneChain) {
@@ -120,32 +106,23 @@ TEST(MutexByteChain, TwoBytesShareOneChain) {
   std::vector<std::string> order;
   x.lock(&chain);
   y.lock(&chain);
-  std::vector<std::unique_ptr<ThreadFunction>> threads;
-  auto start = [&](MutexByte &b, const char *tag) {
-    threads.push_back(std::make_unique<ThreadFunction>(
-        [&b, &chain, &order, tag] {
-          b.lock(&chain);
-          order.push_back(tag);
-          b.unlock(&chain);
-        },
-        tag));
-    threads.back()->go();
-  };
+  std::vector<Started> threads;
   // Interleaved: x1 y1 x2 y2.
-  start(x, "x1");
-  waitForSleepers(chain, x, 1);
-  start(y, "y1");
-  waitForSleepers(chain, y, 1);
-  start(x, "x2");
-  waitForSleepers(chain, x, 2);
-  start(y, "y2");
-  waitForSleepers(chain, y, 2);
+  for (const char *tag : {"x1", "y1", "x2", "y2"}) {
+    MutexByte &b = tag[0] == 'x' ? x : y;
+    threads.push_back(start(tag, [&b, &chain, &order, tag] {
+      b.lock(&chain);
+      order.push_back(tag);
+      b.unlock(&chain);
+    }));
+    waitForSleepers(chain, b, tag[1] - '0');
+  }
 
   // y's unlock skips the x sleepers in front; y2, the last entry, leaves tailp on x2's link.
   y.unlock(&chain);
   threads[1]->join();
   threads[3]->join();
-  EXPECT_THAT(order, testing::ElementsAre("y1", "y2"));
+  EXPECT_THAT(order, ElementsAre("y1", "y2"));
   EXPECT_EQ(y.state(), 0);
   EXPECT_EQ(sleepersOn(chain, x), 2);
   chain.mutex.lock();
@@ -156,15 +133,13 @@ TEST(MutexByteChain, TwoBytesShareOneChain) {
   x.unlock(&chain);
   threads[0]->join();
   threads[2]->join();
-  EXPECT_THAT(order, testing::ElementsAre("y1", "y2", "x1", "x2"));
-  EXPECT_EQ(chain.head, nullptr);
-  EXPECT_EQ(chain.tailp, &chain.head);
+  EXPECT_THAT(order, ElementsAre("y1", "y2", "x1", "x2"));
+  EXPECT_TRUE(chain.head == nullptr && chain.tailp == &chain.head);
 }
 
 TEST(MutexByteSleep, SleepThatLosesTheRaceUndoesItsEntry) {
   qmutex q;
-  per_thread_state *me = morvek::Thread::perThreadScratch();
-  ASSERT_NE(me, nullptr);
+  per_thread_state *me = Thread::perThreadScratch();
   // Unlocked meanwhile: the compare-and-swap from "locked" fails.
   EXPECT_FALSE(q._byte.attemptSleep(&q, MutexByte::STATE_LOCKED));
   EXPECT_EQ(q._byte.state(), 0);
@@ -172,9 +147,7 @@ TEST(MutexByteSleep, SleepThatLosesTheRaceUndoesItsEntry) {
   ASSERT_TRUE(q.tryLock());
   EXPECT_FALSE(q._byte.attemptSleep(&q, MutexByte::STATE_LOCKED | MutexByte::STATE_HAS_SLEEPERS));
   EXPECT_EQ(q._byte.state(), MutexByte::STATE_LOCKED);
-  EXPECT_EQ(q.head, nullptr);
-  EXPECT_EQ(q.tailp, &q.head);
-  EXPECT_EQ(me->_u.s.waitingOn, nullptr);
+  EXPECT_TRUE(q.head == nullptr && q.tailp == &q.head && me->_u.s.waitingOn == nullptr);
   EXPECT_EQ(q._byte.shortSpin(), MutexByte::STATE_LOCKED);  // the budget runs out
   q.unlock();
   EXPECT_EQ(q._byte.shortSpin(), 0);  // free: taken at once
@@ -186,21 +159,18 @@ TEST(MutexByteSleep, BounceLetsTheLongestSleeperGoFirst) {
   qmutex q;
   std::vector<std::string> order;
   q.lock();
-  ThreadFunction t(
-      [&] {
-        q.lock();
-        order.push_back("sleeper");
-        q.unlock();
-      },
-      "bounced-to");
-  t.go();
+  Started t = start("bounced-to", [&] {
+    q.lock();
+    order.push_back("sleeper");
+    q.unlock();
+  });
   waitForSleepers(q, q._byte, 1);
   q.bounceContended();  // returns once the sleeper has had its turn
   order.push_back("holder");
   EXPECT_EQ(q._byte.state(), MutexByte::STATE_LOCKED);
   q.unlock();
-  t.join();
-  EXPECT_THAT(order, testing::ElementsAre("sleeper", "holder"));
+  t->join();
+  EXPECT_THAT(order, ElementsAre("sleeper", "holder"));
 }
 
 TEST(MutexByteRendering, StatesChainsAndSleepers) {
@@ -210,35 +180,31 @@ TEST(MutexByteRendering, StatesChainsAndSleepers) {
   } states[] = {{0, "unlocked"},   {1, "LOCKED"},        {3, "LOCKED+CONTENDED"},
                 {2, "BAD(0x02)!"}, {0xAB, "BAD(0xAB)!"}, {4, "BAD(0x04)!"}};
   for (const auto &s : states) {
-    EXPECT_EQ(render([&](morvek::CrashLogWriter &w) { MutexByte::writeState(w, s.state); }),
-              s.text);
+    EXPECT_EQ(render([&](CrashLogWriter &w) { MutexByte::writeState(w, s.state); }), s.text);
   }
   MutexByte::Chain chain;
   per_thread_state *fake = reinterpret_cast<per_thread_state *>(0x1000);
   chain.head = fake;  // head set, tailp still says empty
-  std::string corrupt = render([&](morvek::CrashLogWriter &w) { chain.writeDebug(w); });
+  std::string corrupt = render([&](CrashLogWriter &w) { chain.writeDebug(w); });
   chain.head = nullptr;
   EXPECT_THAT(corrupt, testing::MatchesRegex("MutexByte-chain=\\{head=0x1000, tailp=0x[0-9a-f]+, "
                                              "CORRUPT\\}"));
 
-  per_thread_state *me = morvek::Thread::perThreadScratch();
-  EXPECT_EQ(render([&](morvek::CrashLogWriter &w) { MutexByte::writeWaiting(w, *me); }),
-            "MutexByte-waiting={none}");
+  EXPECT_EQ(
+      render([&](CrashLogWriter &w) { MutexByte::writeWaiting(w, *Thread::perThreadScratch()); }),
+      "MutexByte-waiting={none}");
 
   // A real sleeper, and the main thread's description while it sleeps.
   qmutex q;
   q.lock();
   std::atomic<per_thread_state *> sleeper_scratch{nullptr};
-  ThreadFunction t(
-      [&] {
-        sleeper_scratch = morvek::Thread::perThreadScratch();
-        q.lock();
-        q.unlock();
-      },
-      "renderee");
-  t.go();
+  Started t = start("renderee", [&] {
+    sleeper_scratch = Thread::perThreadScratch();
+    q.lock();
+    q.unlock();
+  });
   waitForSleepers(q, q._byte, 1);
-  std::string waiting = render([&](morvek::CrashLogWriter &w) {
+  std::string waiting = render([&](CrashLogWriter &w) {
     q.mutex.lock();
     MutexByte::writeWaiting(w, *sleeper_scratch.load());
     w.write(" ");
@@ -246,7 +212,7 @@ TEST(MutexByteRendering, StatesChainsAndSleepers) {
     q.mutex.unlock();
   });
   q.unlock();
-  t.join();
+  t->join();
   EXPECT_THAT(waiting, testing::MatchesRegex(
                            "MutexByte-waiting=\\{0x[0-9a-f]+, LOCKED\\+CONTENDED\\} "
                            "qmutex\\{LOCKED\\+CONTENDED, MutexByte-chain=\\{head=0x[0-9a-f]+, "
@@ -281,14 +247,8 @@ TEST(MutexByteDeath, ContentionOutsideTheThreadClassesStopsTheProcess) {
       "threads active, in MainThread");
 }
 
-#if defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
 constexpr int STRESS_PAIRS = 50000;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-constexpr int STRESS_PAIRS = 50000;
-#else
-constexpr int STRESS_PAIRS = 250000;
-#endif
 #else
 constexpr int STRESS_PAIRS = 250000;
 #endif
@@ -297,22 +257,19 @@ TEST(MutexByteStress, EightThreadsKeepAPlainCounterExact) {
   qmutex q;
   long counter = 0;  // plain: only the lock makes the increments safe
   std::atomic<int> ready{0};
-  std::vector<std::unique_ptr<ThreadFunction>> threads;
+  std::vector<Started> threads;
   for (int i = 0; i < 8; ++i) {
-    threads.push_back(std::make_unique<ThreadFunction>(
-        [&] {
-          ++ready;
-          while (ready < 8) sched_yield();
-          for (int k = 0; k < STRESS_PAIRS; ++k) {
-            q.lock();
-            long v = counter;
-            counter = v + 1;
-            q.unlock();
-          }
-        },
-        "stress"));
+    threads.push_back(start("stress", [&] {
+      ++ready;
+      while (ready < 8) sched_yield();
+      for (int k = 0; k < STRESS_PAIRS; ++k) {
+        q.lock();
+        long v = counter;
+        counter = v + 1;
+        q.unlock();
+      }
+    }));
   }
-  for (auto &t : threads) t->go();
   for (auto &t : threads) t->join();
   EXPECT_EQ(counter, 8L * STRESS_PAIRS);
   EXPECT_EQ(q._byte.state(), 0);

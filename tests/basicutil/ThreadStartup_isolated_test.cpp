@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <vector>
 
 #include "basicutil/Thread.h"
@@ -14,80 +13,65 @@ using morvek::ThreadFunction;
 
 namespace {
 
+std::vector<std::string> hook_log;
+
+struct Tracked : Thread::PerThreadObject {
+  std::string tag;
+  explicit Tracked(std::string t) : tag(std::move(t)) {}
+  ~Tracked() override {
+    hook_log.push_back("destroy " + tag + " on " + Thread::getCurrentThreadName());
+  }
+};
+
+template <char Tag>
+void addHook() {
+  Thread::addPerThreadInitializer([] {
+    hook_log.push_back(std::string(1, Tag) + " on " + Thread::getCurrentThreadNameCStr());
+    return std::make_unique<Tracked>(std::string(1, Tag));
+  });
+}
+
 TEST(ThreadStartup, ThreadBeforeMainThreadIsRefused) {
   EXPECT_EQ(Thread::threadsActive(), 1u);
   EXPECT_STREQ(Thread::getCurrentThreadNameCStr(), "MainThread");
   EXPECT_DEATH({ ThreadFunction t([] {}, "early"); }, "main_thread_created");
 }
 
-std::vector<std::string> *hook_log;
-
-struct Tracked : Thread::PerThreadObject {
-  std::string tag;
-  explicit Tracked(std::string t) : tag(std::move(t)) {}
-  ~Tracked() override {
-    hook_log->push_back("destroy " + tag + " on " + Thread::getCurrentThreadName());
-  }
-};
-
-void runHooksScenario() {
-  std::vector<std::string> log;
-  hook_log = &log;
-  Thread::addPerThreadInitializer([] {
-    hook_log->push_back(std::string("A on ") + Thread::getCurrentThreadNameCStr());
-    return std::make_unique<Tracked>("A");
-  });
-  Thread::addPerThreadInitializer([] {
-    hook_log->push_back(std::string("B on ") + Thread::getCurrentThreadNameCStr());
-    return std::make_unique<Tracked>("B");
-  });
-  {
-    EmptyMainThread main_thread;
-    // Added after the main thread: it still runs for it, at once.
-    Thread::addPerThreadInitializer([] {
-      hook_log->push_back(std::string("C on ") + Thread::getCurrentThreadNameCStr());
-      return std::make_unique<Tracked>("C");
-    });
-    ThreadFunction t([] { hook_log->push_back("body"); }, "worker");
-    t.go();
-    t.join();
-  }
-  const std::vector<std::string> expected = {"A on MainThread",
-                                             "B on MainThread",
-                                             "C on MainThread",
-                                             "A on worker",
-                                             "B on worker",
-                                             "C on worker",
-                                             "body",
-                                             "destroy C on worker",
-                                             "destroy B on worker",
-                                             "destroy A on worker",
-                                             "destroy C on MainThread",
-                                             "destroy B on MainThread",
-                                             "destroy A on MainThread"};
-  for (const std::string &l : log) fprintf(stderr, "%s\n", l.c_str());
-  _exit(log == expected ? 0 : 1);
-}
-
 TEST(ThreadStartup, StartHooksRunInOrderOnEveryThread) {
-  EXPECT_EXIT(runHooksScenario(), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(
+      {
+        addHook<'A'>();
+        addHook<'B'>();
+        {
+          EmptyMainThread main_thread;
+          addHook<'C'>();  // added after the main thread: it still runs for it, at once
+          ThreadFunction t([] { hook_log.push_back("body"); }, "worker");
+          t.go();
+          t.join();
+        }
+        for (const std::string &l : hook_log) fprintf(stderr, "%s\n", l.c_str());
+        _exit(0);
+      },
+      testing::ExitedWithCode(0),
+      "^A on MainThread\nB on MainThread\nC on MainThread\nA on worker\nB on worker\nC on "
+      "worker\nbody\ndestroy C on worker\ndestroy B on worker\ndestroy A on worker\ndestroy C "
+      "on MainThread\ndestroy B on MainThread\ndestroy A on MainThread\n$");
 }
 
 TEST(ThreadStartup, TerminateExceptionLeavesObjectsForTheDestructorOnMain) {
   EXPECT_EXIT(
       {
-        std::vector<std::string> log;
-        hook_log = &log;
         EmptyMainThread main_thread;
-        Thread::addPerThreadInitializer([] { return std::make_unique<Tracked>("T"); });
-        log.clear();
+        addHook<'T'>();
+        hook_log.clear();
         {
           ThreadFunction t([] { throw Thread::TerminateException(); }, "quitter");
           t.go();
           t.join();
-          if (!log.empty()) _exit(2);
+          if (hook_log.size() != 1) _exit(2);  // nothing destroyed yet
         }
-        _exit(log.size() == 1 && log[0] == "destroy T on MainThread" ? 0 : 1);
+        _exit(hook_log == std::vector<std::string>{"T on quitter", "destroy T on MainThread"} ? 0
+                                                                                              : 1);
       },
       testing::ExitedWithCode(0), "");
 }
