@@ -106,6 +106,30 @@ TEST(DecimalParsing, BlanksDigitsAndRanges) {
   }
 }
 
+TEST(DecimalParsing, UnsignedBlanksAndWidths) {
+  struct Case {
+    const char *text;
+    bool ok16;
+    uint16_t value;
+  } cases[] = {
+      {" 42 ", true, 42},     {"4 2", false, 0},   {"", false, 0},   {" ", false, 0},
+      {"65535", true, 65535}, {"65536", false, 0}, {"+1", false, 0}, {"-1", false, 0},
+      {"\t7\t", true, 7},     {"7x", false, 0},    {"007", true, 7},
+  };
+  for (const Case &c : cases) {
+    uint16_t v = 0;
+    EXPECT_EQ(morvek::parse_unsigned_val(c.text, c.text + strlen(c.text), v, uint16_t(65535)), c.ok16)
+        << c.text;
+    EXPECT_EQ(c.ok16 ? v : 0, c.value) << c.text;
+  }
+  uint64_t big = 0;
+  const char *max64 = "18446744073709551615", *over = "18446744073709551616";
+  EXPECT_TRUE(morvek::parse_unsigned_val(max64, max64 + 20, big, ~uint64_t(0)) && big == ~uint64_t(0));
+  EXPECT_FALSE(morvek::parse_unsigned_val(over, over + 20, big, ~uint64_t(0)));
+  uint32_t small = 0;
+  EXPECT_FALSE(morvek::parse_unsigned_val(over, over + 2, small, uint32_t(17)));  // 18 is over the limit
+}
+
 TEST(DecimalParsing, FailureOutputsAndDefaults) {
   uint32_t u = 77;
   EXPECT_FALSE(morvek::parse_unsigned_val("12x", 3, u));
