@@ -248,37 +248,12 @@ void CrashLogWriter::writeFileLastLines(const char *path, size_t limit) {
     writeErrorOpening(*this, errno);
   } else {
     struct stat st;
-    bool ok = fstat(fd, &st) == 0 && st.st_size > 0;
-    if (ok && static_cast<uint64_t>(st.st_size) > limit) {
-      ok = lseek(fd, st.st_size - static_cast<off_t>(limit), SEEK_SET) >= 0;
-      char c = 0;
-      while (ok && c != '\n') {
-        ssize_t n = read(fd, &c, 1);
-        if (n < 0 && errno == EINTR) continue;
-        ok = n == 1;
-      }
-    }
+    bool ok = fstat(fd, &st) == 0 && st.st_size > 0 &&
+              crashlog_seek_to_tail(fd, st.st_size,
+                                    limit > INT64_MAX ? INT64_MAX : static_cast<off_t>(limit)) != 0;
     if (ok) {
       write(" Last few lines of the file):\n");
-      bool line_open = false;
-      char c;
-      for (;;) {
-        ssize_t n = read(fd, &c, 1);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        if (c == '\0' || c == '\r') continue;
-        if (c == '\n') {
-          if (line_open) writeChar('\n');
-          line_open = false;
-          continue;
-        }
-        makePrintable(&c, 1);
-        if (!line_open) write("    ");
-        line_open = true;
-        writeChar(c);
-      }
-      if (line_open) writeChar('\n');
-      writeChar('\n');
+      crashlog_write_filtered_lines(_handle, fd);
     }
     close(fd);
   }

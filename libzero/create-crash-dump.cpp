@@ -985,6 +985,14 @@ finished:
 
 }  // namespace
 
+extern "C" int crashlog_seek_to_tail(int fd, off_t size, off_t limit) {
+  return seek_to_tail(fd, size, limit) ? 1 : 0;
+}
+
+extern "C" void crashlog_write_filtered_lines(crash_log_writer *w, int fd) {
+  write_filtered_lines(w, fd);
+}
+
 // ---- Installation -----------------------------------------------------------------------------
 
 extern "C" int crash_log_creator_init(const char *prefix) {

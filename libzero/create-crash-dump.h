@@ -7,6 +7,7 @@
 #include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
 #include <time.h>
 
 #ifdef __cplusplus
@@ -44,6 +45,11 @@ static inline void crashlog_write(crash_log_writer *w, const char *bytes, size_t
   w->do_write(w, bytes, len);
 }
 void crashlog_write_cstr(crash_log_writer *w, const char *cstr);
+// Positions fd at the first whole line among its last `limit` bytes; 0 if that fails.
+int crashlog_seek_to_tail(int fd, off_t size, off_t limit);
+// The rest of fd as indented printable lines (NUL and CR dropped, TAB as blank, others as '?'),
+// then an empty line.
+void crashlog_write_filtered_lines(crash_log_writer *w, int fd);
 // Formats through the installed printf function, or by default through a 500-byte stack buffer
 // (longer output is cut to 499 bytes ending in "...").
 void crashlog_printf(crash_log_writer *w, const char *format, ...)
