@@ -205,14 +205,29 @@ void CrashLogWriter::writeMemorySample(const char *name, const void *address, si
   hexDumpToCrashLog(_handle, address, count);
 }
 
-void CrashLogWriter::writeFileContents(const char *path, size_t limit) {
-  write("-------------------- FILE CONTENTS OF \"");
-  write(path);
-  write("\"\n");
+namespace {
+
+// The frame shared by the file blocks: heading with the path, the body on the open descriptor
+// (or the reason it could not be opened), and the closing rule.
+template <typename Body>
+void writeFileBlock(CrashLogWriter &w, const char *heading, const char *path, Body body) {
+  w.write(heading);
+  w.write(path);
+  w.write("\"\n");
   int fd = open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    writeErrorOpening(*this, errno);
+    writeErrorOpening(w, errno);
   } else {
+    body(fd);
+    close(fd);
+  }
+  w.write("--------------------\n\n");
+}
+
+}  // namespace
+
+void CrashLogWriter::writeFileContents(const char *path, size_t limit) {
+  writeFileBlock(*this, "-------------------- FILE CONTENTS OF \"", path, [&](int fd) {
     char block[1024];
     size_t total = 0;
     bool any = false;
@@ -234,19 +249,11 @@ void CrashLogWriter::writeFileContents(const char *path, size_t limit) {
     }
     // Line ends were replaced above, so the text never ends in one.
     if (any) writeChar('\n');
-    close(fd);
-  }
-  write("--------------------\n\n");
+  });
 }
 
 void CrashLogWriter::writeFileLastLines(const char *path, size_t limit) {
-  write("-------------------- LAST FEW LINE OF FILE \"");
-  write(path);
-  write("\"\n");
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    writeErrorOpening(*this, errno);
-  } else {
+  writeFileBlock(*this, "-------------------- LAST FEW LINE OF FILE \"", path, [&](int fd) {
     struct stat st;
     bool ok = fstat(fd, &st) == 0 && st.st_size > 0 &&
               crashlog_seek_to_tail(fd, st.st_size,
@@ -255,9 +262,7 @@ void CrashLogWriter::writeFileLastLines(const char *path, size_t limit) {
       write(" Last few lines of the file):\n");
       crashlog_write_filtered_lines(_handle, fd);
     }
-    close(fd);
-  }
-  write("--------------------\n\n");
+  });
 }
 
 // ---- Scoped notations ---------------------------------------------------------------------------

@@ -271,6 +271,33 @@ MonotonicTime MonotonicTime::now() {
   return MonotonicTime(static_cast<uint32_t>(ts.tv_sec), static_cast<int32_t>(ts.tv_nsec));
 }
 
+// Whole seconds and a nanosecond part below one second, saturating at either end.
+MonotonicTime &MonotonicTime::addSplit(uint32_t secs, int32_t nsec) {
+  if (_ts.tv_sec > MAX_SECS - secs) return *this = highest();
+  _ts.tv_sec += secs;
+  _ts.tv_nsec += nsec;
+  if (_ts.tv_nsec >= ONE_BILLION_AS_TVNSECS_TYPE) {
+    MV_ASSERT(_ts.tv_nsec < 2 * ONE_BILLION_AS_TVNSECS_TYPE);
+    if (_ts.tv_sec == MAX_SECS) return *this = highest();
+    _ts.tv_sec += 1;
+    _ts.tv_nsec -= ONE_BILLION_AS_TVNSECS_TYPE;
+  }
+  return *this;
+}
+
+MonotonicTime &MonotonicTime::subtractSplit(uint32_t secs, int32_t nsec) {
+  if (_ts.tv_sec < secs) return *this = lowest();
+  _ts.tv_sec -= secs;
+  _ts.tv_nsec -= nsec;
+  if (_ts.tv_nsec < 0) {
+    MV_ASSERT(_ts.tv_nsec >= -ONE_BILLION_AS_TVNSECS_TYPE);
+    if (_ts.tv_sec == 0) return *this = lowest();
+    _ts.tv_sec -= 1;
+    _ts.tv_nsec += ONE_BILLION_AS_TVNSECS_TYPE;
+  }
+  return *this;
+}
+
 MonotonicTime &MonotonicTime::addSeconds(uint32_t n) {
   if (static_cast<uint32_t>(n + n) < n) return *this = highest();
   _ts.tv_sec += n;
@@ -279,32 +306,12 @@ MonotonicTime &MonotonicTime::addSeconds(uint32_t n) {
 
 MonotonicTime &MonotonicTime::addMilliseconds(uint64_t n) {
   if (n > MAX_ADD_MILLISECONDS) return *this = highest();
-  uint32_t secs = static_cast<uint32_t>(n / 1000);
-  if (_ts.tv_sec > MAX_SECS - secs) return *this = highest();
-  _ts.tv_sec += secs;
-  _ts.tv_nsec += static_cast<int32_t>(n % 1000) * 1000000;
-  if (_ts.tv_nsec >= ONE_BILLION_AS_TVNSECS_TYPE) {
-    MV_ASSERT(_ts.tv_nsec < 2 * ONE_BILLION_AS_TVNSECS_TYPE);
-    if (_ts.tv_sec == MAX_SECS) return *this = highest();
-    _ts.tv_sec += 1;
-    _ts.tv_nsec -= ONE_BILLION_AS_TVNSECS_TYPE;
-  }
-  return *this;
+  return addSplit(static_cast<uint32_t>(n / 1000), static_cast<int32_t>(n % 1000) * 1000000);
 }
 
 MonotonicTime &MonotonicTime::addNanoseconds(uint64_t n) {
   if (n > MAX_ADD_NANOSECONDS) return *this = highest();
-  uint32_t secs = static_cast<uint32_t>(n / BILLION);
-  if (_ts.tv_sec > MAX_SECS - secs) return *this = highest();
-  _ts.tv_sec += secs;
-  _ts.tv_nsec += static_cast<int32_t>(n % BILLION);
-  if (_ts.tv_nsec >= ONE_BILLION_AS_TVNSECS_TYPE) {
-    MV_ASSERT(_ts.tv_nsec < 2 * ONE_BILLION_AS_TVNSECS_TYPE);
-    if (_ts.tv_sec == MAX_SECS) return *this = highest();
-    _ts.tv_sec += 1;
-    _ts.tv_nsec -= ONE_BILLION_AS_TVNSECS_TYPE;
-  }
-  return *this;
+  return addSplit(static_cast<uint32_t>(n / BILLION), static_cast<int32_t>(n % BILLION));
 }
 
 MonotonicTime &MonotonicTime::subtractSeconds(uint32_t n) {
@@ -315,32 +322,12 @@ MonotonicTime &MonotonicTime::subtractSeconds(uint32_t n) {
 
 MonotonicTime &MonotonicTime::subtractMilliseconds(uint64_t n) {
   if (n > MAX_ADD_MILLISECONDS) return *this = lowest();
-  uint32_t secs = static_cast<uint32_t>(n / 1000);
-  if (_ts.tv_sec < secs) return *this = lowest();
-  _ts.tv_sec -= secs;
-  _ts.tv_nsec -= static_cast<int32_t>(n % 1000) * 1000000;
-  if (_ts.tv_nsec < 0) {
-    MV_ASSERT(_ts.tv_nsec >= -ONE_BILLION_AS_TVNSECS_TYPE);
-    if (_ts.tv_sec == 0) return *this = lowest();
-    _ts.tv_sec -= 1;
-    _ts.tv_nsec += ONE_BILLION_AS_TVNSECS_TYPE;
-  }
-  return *this;
+  return subtractSplit(static_cast<uint32_t>(n / 1000), static_cast<int32_t>(n % 1000) * 1000000);
 }
 
 MonotonicTime &MonotonicTime::subtractNanoseconds(uint64_t n) {
   if (n > MAX_ADD_NANOSECONDS) return *this = lowest();
-  uint32_t secs = static_cast<uint32_t>(n / BILLION);
-  if (_ts.tv_sec < secs) return *this = lowest();
-  _ts.tv_sec -= secs;
-  _ts.tv_nsec -= static_cast<int32_t>(n % BILLION);
-  if (_ts.tv_nsec < 0) {
-    MV_ASSERT(_ts.tv_nsec >= -ONE_BILLION_AS_TVNSECS_TYPE);
-    if (_ts.tv_sec == 0) return *this = lowest();
-    _ts.tv_sec -= 1;
-    _ts.tv_nsec += ONE_BILLION_AS_TVNSECS_TYPE;
-  }
-  return *this;
+  return subtractSplit(static_cast<uint32_t>(n / BILLION), static_cast<int32_t>(n % BILLION));
 }
 
 double MonotonicTime::differenceInSeconds(const MonotonicTime &a, const MonotonicTime &b) {

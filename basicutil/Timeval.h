@@ -168,6 +168,10 @@ class MonotonicTime {
   static void reinitializeAfterFork();
 
   Fields _ts;
+
+ private:
+  MonotonicTime &addSplit(uint32_t secs, int32_t nsec);
+  MonotonicTime &subtractSplit(uint32_t secs, int32_t nsec);
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -4,9 +4,9 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 #include "libzero/create-crash-dump.h"
-#include <vector>
 
 namespace testutil {
 
@@ -18,6 +18,15 @@ struct CollectingWriter {
     reinterpret_cast<CollectingWriter *>(h)->text.append(bytes, len);
   }
 };
+
+// What f writes through a CrashLogWriter (any type constructible from the writer handle).
+template <typename Writer, typename F>
+std::string renderCrash(F f) {
+  CollectingWriter c;
+  Writer w(&c.handle);
+  f(w);
+  return c.text;
+}
 
 struct ChildProcess {
   pid_t pid = -1;

@@ -24,10 +24,7 @@ namespace {
 
 template <typename F>
 std::string render(F f) {
-  testutil::CollectingWriter c;
-  CrashLogWriter w(&c.handle);
-  f(w);
-  return c.text;
+  return testutil::renderCrash<CrashLogWriter>(f);
 }
 
 TEST(CrashLogWriter, NumbersDoublesAndTextForms) {

@@ -23,10 +23,7 @@ namespace {
 
 template <typename F>
 std::string render(F f) {
-  testutil::CollectingWriter cw;
-  CrashLogWriter w(&cw.handle);
-  f(w);
-  return cw.text;
+  return testutil::renderCrash<CrashLogWriter>(f);
 }
 
 using Started = std::unique_ptr<ThreadFunction>;
