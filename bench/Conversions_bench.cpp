@@ -13,9 +13,8 @@
 #include "basicutil/BasicConversions.h"
 #include "basicutil/Str.h"
 
-#if __has_include(<fmt/format.h>)
+#ifdef MORVEK_BENCH_HAVE_FMT
 #include <fmt/format.h>
-#define MORVEK_BENCH_HAVE_FMT 1
 #endif
 
 using morvek::Str;
@@ -57,7 +56,7 @@ void BM_ParseUnsigned_Morvek(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * 1024);
 }
-BENCHMARK(BM_ParseUnsigned_Morvek);
+BENCHMARK(BM_ParseUnsigned_Morvek)->Name("ParseInt/unsigned/Ours");
 
 void BM_ParseUnsigned_FromChars(benchmark::State &state) {
   for (auto _ : state) {
@@ -70,7 +69,7 @@ void BM_ParseUnsigned_FromChars(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * 1024);
 }
-BENCHMARK(BM_ParseUnsigned_FromChars);
+BENCHMARK(BM_ParseUnsigned_FromChars)->Name("ParseInt/unsigned/from_chars");
 
 void BM_ParseUnsigned_Strtoull(benchmark::State &state) {
   for (auto _ : state) {
@@ -82,7 +81,7 @@ void BM_ParseUnsigned_Strtoull(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * 1024);
 }
-BENCHMARK(BM_ParseUnsigned_Strtoull);
+BENCHMARK(BM_ParseUnsigned_Strtoull)->Name("ParseInt/unsigned/strtoull");
 
 void BM_ParseSigned_Morvek(benchmark::State &state) {
   for (auto _ : state) {
@@ -94,7 +93,7 @@ void BM_ParseSigned_Morvek(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * 1024);
 }
-BENCHMARK(BM_ParseSigned_Morvek);
+BENCHMARK(BM_ParseSigned_Morvek)->Name("ParseInt/signed/Ours");
 
 void BM_ParseSigned_FromChars(benchmark::State &state) {
   for (auto _ : state) {
@@ -107,7 +106,7 @@ void BM_ParseSigned_FromChars(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * 1024);
 }
-BENCHMARK(BM_ParseSigned_FromChars);
+BENCHMARK(BM_ParseSigned_FromChars)->Name("ParseInt/signed/from_chars");
 
 void BM_ParseSigned_Strtoll(benchmark::State &state) {
   for (auto _ : state) {
@@ -119,7 +118,7 @@ void BM_ParseSigned_Strtoll(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * 1024);
 }
-BENCHMARK(BM_ParseSigned_Strtoll);
+BENCHMARK(BM_ParseSigned_Strtoll)->Name("ParseInt/signed/strtoll");
 
 const std::vector<int64_t> &numbers() {
   static const std::vector<int64_t> v = [] {
@@ -139,7 +138,7 @@ void BM_AppendNumber_Morvek(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * 1024);
 }
-BENCHMARK(BM_AppendNumber_Morvek);
+BENCHMARK(BM_AppendNumber_Morvek)->Name("AppendInt/int64/Ours");
 
 void BM_AppendNumber_ToChars(benchmark::State &state) {
   Str out;
@@ -154,9 +153,9 @@ void BM_AppendNumber_ToChars(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * 1024);
 }
-BENCHMARK(BM_AppendNumber_ToChars);
+BENCHMARK(BM_AppendNumber_ToChars)->Name("AppendInt/int64/to_chars");
 
-#if defined(MORVEK_BENCH_HAVE_FMT)
+#ifdef MORVEK_BENCH_HAVE_FMT
 void BM_AppendNumber_FmtFormatInt(benchmark::State &state) {
   Str out;
   for (auto _ : state) {
@@ -169,7 +168,7 @@ void BM_AppendNumber_FmtFormatInt(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * 1024);
 }
-BENCHMARK(BM_AppendNumber_FmtFormatInt);
+BENCHMARK(BM_AppendNumber_FmtFormatInt)->Name("AppendInt/int64/fmt");
 #endif
 
 const std::string &base64Text() {
@@ -215,7 +214,7 @@ void BM_Base64Decode_Morvek(benchmark::State &state) {
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
-BENCHMARK(BM_Base64Decode_Morvek);
+BENCHMARK(BM_Base64Decode_Morvek)->Name("Base64/decode/Ours");
 
 void BM_Base64Decode_PlainTable(benchmark::State &state) {
   const std::string &text = base64Text();
@@ -226,7 +225,7 @@ void BM_Base64Decode_PlainTable(benchmark::State &state) {
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
-BENCHMARK(BM_Base64Decode_PlainTable);
+BENCHMARK(BM_Base64Decode_PlainTable)->Name("Base64/decode/plain_table");
 
 // Query-string values: words and digits with the odd blank or slash.
 const std::string &mostlySafeText() {
@@ -251,7 +250,7 @@ void BM_UrlEncode_Morvek(benchmark::State &state) {
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
-BENCHMARK(BM_UrlEncode_Morvek);
+BENCHMARK(BM_UrlEncode_Morvek)->Name("UrlEncode/mostly_safe/Ours");
 
 // The straightforward encoder: a table of 256 strings, one append a byte.
 void BM_UrlEncode_PerByteTable(benchmark::State &state) {
@@ -278,7 +277,7 @@ void BM_UrlEncode_PerByteTable(benchmark::State &state) {
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
-BENCHMARK(BM_UrlEncode_PerByteTable);
+BENCHMARK(BM_UrlEncode_PerByteTable)->Name("UrlEncode/mostly_safe/per_byte_table");
 
 // Nothing to encode: one scan, no copy.
 void BM_UrlEncodeInPlace_AllSafe(benchmark::State &state) {
@@ -289,7 +288,7 @@ void BM_UrlEncodeInPlace_AllSafe(benchmark::State &state) {
   }
   state.SetBytesProcessed(state.iterations() * 4096);
 }
-BENCHMARK(BM_UrlEncodeInPlace_AllSafe);
+BENCHMARK(BM_UrlEncodeInPlace_AllSafe)->Name("UrlEncode/in_place_all_safe/Ours");
 
 }  // namespace
 

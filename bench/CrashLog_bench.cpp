@@ -33,7 +33,7 @@ void BM_CrashLogWriteDouble(benchmark::State &state) {
     benchmark::DoNotOptimize(bw.buf);
   }
 }
-BENCHMARK(BM_CrashLogWriteDouble);
+BENCHMARK(BM_CrashLogWriteDouble)->Name("CrashLogWriter/double/Ours");
 
 void BM_FmtShortestDouble(benchmark::State &state) {
   char buf[64];
@@ -43,7 +43,7 @@ void BM_FmtShortestDouble(benchmark::State &state) {
     benchmark::DoNotOptimize(r);
   }
 }
-BENCHMARK(BM_FmtShortestDouble);
+BENCHMARK(BM_FmtShortestDouble)->Name("CrashLogWriter/double/fmt");
 
 void BM_CrashLogWriteUnsigned(benchmark::State &state) {
   BufferWriter bw;
@@ -54,7 +54,7 @@ void BM_CrashLogWriteUnsigned(benchmark::State &state) {
     benchmark::DoNotOptimize(bw.buf);
   }
 }
-BENCHMARK(BM_CrashLogWriteUnsigned);
+BENCHMARK(BM_CrashLogWriteUnsigned)->Name("CrashLogWriter/unsigned/Ours");
 
 void BM_FmtFormatInt(benchmark::State &state) {
   uint64_t v = 1234567890123ull;
@@ -63,7 +63,7 @@ void BM_FmtFormatInt(benchmark::State &state) {
     benchmark::DoNotOptimize(f.data());
   }
 }
-BENCHMARK(BM_FmtFormatInt);
+BENCHMARK(BM_FmtFormatInt)->Name("CrashLogWriter/unsigned/fmt");
 
 void BM_CrashLogWriteQuoted(benchmark::State &state) {
   BufferWriter bw;
@@ -74,7 +74,7 @@ void BM_CrashLogWriteQuoted(benchmark::State &state) {
     benchmark::DoNotOptimize(bw.buf);
   }
 }
-BENCHMARK(BM_CrashLogWriteQuoted);
+BENCHMARK(BM_CrashLogWriteQuoted)->Name("CrashLogWriter/quoted/Ours");
 
 void BM_FmtEscapedString(benchmark::State &state) {
   std::string text = "GET /index.html?q=\"crash\"\tHTTP/1.1\r\n" + std::string(150, 'a');
@@ -84,7 +84,7 @@ void BM_FmtEscapedString(benchmark::State &state) {
     benchmark::DoNotOptimize(r);
   }
 }
-BENCHMARK(BM_FmtEscapedString);
+BENCHMARK(BM_FmtEscapedString)->Name("CrashLogWriter/quoted/fmt");
 
 }  // namespace
 

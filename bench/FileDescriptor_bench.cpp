@@ -40,7 +40,7 @@ void BM_FileDescriptorReadAll(benchmark::State &state) {
   }
   setBytes(state);
 }
-BENCHMARK(BM_FileDescriptorReadAll);
+BENCHMARK(BM_FileDescriptorReadAll)->Name("ReadFile/4MiB/Ours");
 
 void BM_IfstreamRdbuf(benchmark::State &state) {
   for (auto _ : state) {
@@ -52,7 +52,7 @@ void BM_IfstreamRdbuf(benchmark::State &state) {
   }
   setBytes(state);
 }
-BENCHMARK(BM_IfstreamRdbuf);
+BENCHMARK(BM_IfstreamRdbuf)->Name("ReadFile/4MiB/ifstream_rdbuf");
 
 void BM_IfstreamSizedRead(benchmark::State &state) {
   for (auto _ : state) {
@@ -64,7 +64,7 @@ void BM_IfstreamSizedRead(benchmark::State &state) {
   }
   setBytes(state);
 }
-BENCHMARK(BM_IfstreamSizedRead);
+BENCHMARK(BM_IfstreamSizedRead)->Name("ReadFile/4MiB/ifstream_read");
 
 }  // namespace
 

@@ -78,7 +78,7 @@ void BM_FileStarReadlineSeekable(benchmark::State &state) {
   }
   setBytes(state);
 }
-BENCHMARK(BM_FileStarReadlineSeekable);
+BENCHMARK(BM_FileStarReadlineSeekable)->Name("ReadLine/seekable/Ours");
 
 void BM_PosixGetlineSeekable(benchmark::State &state) {
   for (auto _ : state) {
@@ -93,7 +93,7 @@ void BM_PosixGetlineSeekable(benchmark::State &state) {
   }
   setBytes(state);
 }
-BENCHMARK(BM_PosixGetlineSeekable);
+BENCHMARK(BM_PosixGetlineSeekable)->Name("ReadLine/seekable/getline");
 
 void BM_StdGetlineSeekable(benchmark::State &state) {
   for (auto _ : state) {
@@ -105,7 +105,7 @@ void BM_StdGetlineSeekable(benchmark::State &state) {
   }
   setBytes(state);
 }
-BENCHMARK(BM_StdGetlineSeekable);
+BENCHMARK(BM_StdGetlineSeekable)->Name("ReadLine/seekable/std_getline");
 
 void BM_FileStarReadlineUnseekable(benchmark::State &state) {
   for (auto _ : state) {
@@ -118,7 +118,7 @@ void BM_FileStarReadlineUnseekable(benchmark::State &state) {
   }
   setBytes(state);
 }
-BENCHMARK(BM_FileStarReadlineUnseekable);
+BENCHMARK(BM_FileStarReadlineUnseekable)->Name("ReadLine/unseekable/Ours");
 
 void BM_PosixGetlineUnseekable(benchmark::State &state) {
   for (auto _ : state) {
@@ -134,7 +134,7 @@ void BM_PosixGetlineUnseekable(benchmark::State &state) {
   }
   setBytes(state);
 }
-BENCHMARK(BM_PosixGetlineUnseekable);
+BENCHMARK(BM_PosixGetlineUnseekable)->Name("ReadLine/unseekable/getline");
 
 // Number text into a stream whose buffer is big; the flushes go to /dev/null.
 FILE *devNull() {
@@ -155,14 +155,14 @@ void BM_FileStarWriteDouble(benchmark::State &state) {
   for (auto _ : state) out.writeDouble(DOUBLES[i++ & 7]);
   out.release();
 }
-BENCHMARK(BM_FileStarWriteDouble);
+BENCHMARK(BM_FileStarWriteDouble)->Name("StreamWrite/double/Ours");
 
 void BM_FmtPrintDouble(benchmark::State &state) {
   FILE *fp = devNull();
   size_t i = 0;
   for (auto _ : state) fmt::print(fp, "{}", DOUBLES[i++ & 7]);
 }
-BENCHMARK(BM_FmtPrintDouble);
+BENCHMARK(BM_FmtPrintDouble)->Name("StreamWrite/double/fmt");
 
 void BM_FileStarWriteSigned(benchmark::State &state) {
   morvek::FileStar out(devNull());
@@ -170,14 +170,14 @@ void BM_FileStarWriteSigned(benchmark::State &state) {
   for (auto _ : state) out.writeSigned(v++);
   out.release();
 }
-BENCHMARK(BM_FileStarWriteSigned);
+BENCHMARK(BM_FileStarWriteSigned)->Name("StreamWrite/int64/Ours");
 
 void BM_FmtPrintSigned(benchmark::State &state) {
   FILE *fp = devNull();
   int64_t v = -1234567890123;
   for (auto _ : state) fmt::print(fp, "{}", v++);
 }
-BENCHMARK(BM_FmtPrintSigned);
+BENCHMARK(BM_FmtPrintSigned)->Name("StreamWrite/int64/fmt");
 
 }  // namespace
 

@@ -8,7 +8,7 @@
 #include "basicutil/Logger.h"
 #include "basicutil/Thread.h"
 
-#ifdef MORVEK_BENCH_SPDLOG
+#ifdef MORVEK_BENCH_HAVE_SPDLOG
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
 #endif
@@ -21,15 +21,15 @@ void BM_LoggerDisabledLevel(benchmark::State &state) {
   int i = 0;
   for (auto _ : state) bench_logger.debug("message number %d with a string %s", ++i, "abc");
 }
-BENCHMARK(BM_LoggerDisabledLevel);
+BENCHMARK(BM_LoggerDisabledLevel)->Name("Logger/disabled_level/Ours");
 
 void BM_LoggerEnabledToDevNull(benchmark::State &state) {
   int i = 0;
   for (auto _ : state) bench_logger.info("message number %d with a string %s", ++i, "abc");
 }
-BENCHMARK(BM_LoggerEnabledToDevNull);
+BENCHMARK(BM_LoggerEnabledToDevNull)->Name("Logger/to_dev_null/Ours");
 
-#ifdef MORVEK_BENCH_SPDLOG
+#ifdef MORVEK_BENCH_HAVE_SPDLOG
 std::shared_ptr<spdlog::logger> spdlogDevNull(bool flush_each) {
   auto sink = std::make_shared<spdlog::sinks::basic_file_sink_st>("/dev/null");
   auto logger = std::make_shared<spdlog::logger>("bench", sink);
@@ -44,7 +44,7 @@ void BM_SpdlogDisabledLevel(benchmark::State &state) {
   int i = 0;
   for (auto _ : state) logger->debug("message number {} with a string {}", ++i, "abc");
 }
-BENCHMARK(BM_SpdlogDisabledLevel);
+BENCHMARK(BM_SpdlogDisabledLevel)->Name("Logger/disabled_level/spdlog");
 
 // spdlog's file sink writes through stdio: records reach the file in 4 KiB batches.
 void BM_SpdlogFileSinkDevNull(benchmark::State &state) {
@@ -52,7 +52,7 @@ void BM_SpdlogFileSinkDevNull(benchmark::State &state) {
   int i = 0;
   for (auto _ : state) logger->info("message number {} with a string {}", ++i, "abc");
 }
-BENCHMARK(BM_SpdlogFileSinkDevNull);
+BENCHMARK(BM_SpdlogFileSinkDevNull)->Name("Logger/to_dev_null/spdlog_buffered");
 
 // The same with a flush per record: one system call each, as the root appender makes.
 void BM_SpdlogFileSinkDevNullFlushEach(benchmark::State &state) {
@@ -60,7 +60,7 @@ void BM_SpdlogFileSinkDevNullFlushEach(benchmark::State &state) {
   int i = 0;
   for (auto _ : state) logger->info("message number {} with a string {}", ++i, "abc");
 }
-BENCHMARK(BM_SpdlogFileSinkDevNullFlushEach);
+BENCHMARK(BM_SpdlogFileSinkDevNullFlushEach)->Name("Logger/to_dev_null/spdlog");
 #endif
 
 }  // namespace

@@ -13,7 +13,7 @@
 #include "basicutil/MutexByte.h"
 #include "basicutil/Thread.h"
 
-#ifdef MORVEK_BENCH_ABSL
+#ifdef MORVEK_BENCH_HAVE_ABSL
 #include <absl/synchronization/mutex.h>
 #endif
 
@@ -31,7 +31,7 @@ struct StdMutexLock {
   void unlock() { m.unlock(); }
 };
 
-#ifdef MORVEK_BENCH_ABSL
+#ifdef MORVEK_BENCH_HAVE_ABSL
 struct AbslMutexLock {
   absl::Mutex m;
   void lock() { m.Lock(); }
@@ -97,13 +97,28 @@ void BM_Contended(benchmark::State &state) {
 
 }  // namespace
 
-BENCHMARK(BM_Uncontended<QMutexLock>);
-BENCHMARK(BM_Uncontended<StdMutexLock>);
-BENCHMARK(BM_Contended<QMutexLock>)->Arg(2)->Arg(4)->Arg(8)->UseRealTime();
-BENCHMARK(BM_Contended<StdMutexLock>)->Arg(2)->Arg(4)->Arg(8)->UseRealTime();
-#ifdef MORVEK_BENCH_ABSL
-BENCHMARK(BM_Uncontended<AbslMutexLock>);
-BENCHMARK(BM_Contended<AbslMutexLock>)->Arg(2)->Arg(4)->Arg(8)->UseRealTime();
+BENCHMARK(BM_Uncontended<QMutexLock>)->Name("Mutex/uncontended/Ours");
+BENCHMARK(BM_Uncontended<StdMutexLock>)->Name("Mutex/uncontended/std_mutex");
+BENCHMARK(BM_Contended<QMutexLock>)
+    ->Name("Mutex/contended/Ours")
+    ->Arg(2)
+    ->Arg(4)
+    ->Arg(8)
+    ->UseRealTime();
+BENCHMARK(BM_Contended<StdMutexLock>)
+    ->Name("Mutex/contended/std_mutex")
+    ->Arg(2)
+    ->Arg(4)
+    ->Arg(8)
+    ->UseRealTime();
+#ifdef MORVEK_BENCH_HAVE_ABSL
+BENCHMARK(BM_Uncontended<AbslMutexLock>)->Name("Mutex/uncontended/absl");
+BENCHMARK(BM_Contended<AbslMutexLock>)
+    ->Name("Mutex/contended/absl")
+    ->Arg(2)
+    ->Arg(4)
+    ->Arg(8)
+    ->UseRealTime();
 #endif
 
 int main(int argc, char **argv) {

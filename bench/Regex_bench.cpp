@@ -48,7 +48,7 @@ void BM_CacheHit(benchmark::State &state) {
     benchmark::DoNotOptimize(again.implAddress());
   }
 }
-BENCHMARK(BM_CacheHit);
+BENCHMARK(BM_CacheHit)->Name("RegexCache/hit/Ours");
 
 // The same hit with the hash computed once, as callers holding a HashedStr get it.
 void BM_CacheHitPrecomputedHash(benchmark::State &state) {
@@ -59,7 +59,7 @@ void BM_CacheHitPrecomputedHash(benchmark::State &state) {
     benchmark::DoNotOptimize(again.implAddress());
   }
 }
-BENCHMARK(BM_CacheHitPrecomputedHash);
+BENCHMARK(BM_CacheHitPrecomputedHash)->Name("RegexCache/hit_hashed/Ours");
 
 void BM_FreshPcre2Compile(benchmark::State &state) {
   for (auto _ : state) {
@@ -68,7 +68,9 @@ void BM_FreshPcre2Compile(benchmark::State &state) {
     pcre2_code_free(code);
   }
 }
-BENCHMARK(BM_FreshPcre2Compile);
+// What a miss costs, beside both hits.
+BENCHMARK(BM_FreshPcre2Compile)->Name("RegexCache/hit/pcre2_compile");
+BENCHMARK(BM_FreshPcre2Compile)->Name("RegexCache/hit_hashed/pcre2_compile");
 
 void BM_MatchBaseWithGroups(benchmark::State &state, const char *pattern) {
   Regex re(pattern);
@@ -82,8 +84,10 @@ void BM_MatchBaseWithGroups(benchmark::State &state, const char *pattern) {
   }
   benchmark::DoNotOptimize(found);
 }
-BENCHMARK_CAPTURE(BM_MatchBaseWithGroups, timestamp, TIMESTAMP);
-BENCHMARK_CAPTURE(BM_MatchBaseWithGroups, level, LEVEL_AND_SOURCE);
+BENCHMARK_CAPTURE(BM_MatchBaseWithGroups, timestamp, TIMESTAMP)
+    ->Name("RegexMatch/groups_timestamp/Ours");
+BENCHMARK_CAPTURE(BM_MatchBaseWithGroups, level, LEVEL_AND_SOURCE)
+    ->Name("RegexMatch/groups_level/Ours");
 
 void BM_RawPcre2Match(benchmark::State &state, const char *pattern) {
   pcre2_code *code = compileRaw(pattern);
@@ -100,8 +104,9 @@ void BM_RawPcre2Match(benchmark::State &state, const char *pattern) {
   pcre2_match_data_free(md);
   pcre2_code_free(code);
 }
-BENCHMARK_CAPTURE(BM_RawPcre2Match, timestamp, TIMESTAMP);
-BENCHMARK_CAPTURE(BM_RawPcre2Match, level, LEVEL_AND_SOURCE);
+BENCHMARK_CAPTURE(BM_RawPcre2Match, timestamp, TIMESTAMP)
+    ->Name("RegexMatch/groups_timestamp/pcre2");
+BENCHMARK_CAPTURE(BM_RawPcre2Match, level, LEVEL_AND_SOURCE)->Name("RegexMatch/groups_level/pcre2");
 
 void BM_MemRegexMatch(benchmark::State &state) {
   Regex re(TIMESTAMP);
@@ -114,7 +119,7 @@ void BM_MemRegexMatch(benchmark::State &state) {
   }
   benchmark::DoNotOptimize(sum);
 }
-BENCHMARK(BM_MemRegexMatch);
+BENCHMARK(BM_MemRegexMatch)->Name("RegexMatch/position_timestamp/Ours");
 
 void BM_StdRegexSearch(benchmark::State &state) {
   std::regex re(TIMESTAMP);
@@ -128,7 +133,7 @@ void BM_StdRegexSearch(benchmark::State &state) {
   }
   benchmark::DoNotOptimize(sum);
 }
-BENCHMARK(BM_StdRegexSearch);
+BENCHMARK(BM_StdRegexSearch)->Name("RegexMatch/position_timestamp/std_regex");
 
 }  // namespace
 

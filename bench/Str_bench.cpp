@@ -183,7 +183,7 @@ void BM_Split_Absl(benchmark::State &state) {
     benchmark::DoNotOptimize(out.data());
   }
 }
-BENCHMARK(BM_Split_Absl);
+BENCHMARK(BM_Split_Absl)->Name("StrSplit/csv_40_fields/absl");
 #endif
 
 const char *const kVersionPairs[][2] = {
@@ -259,18 +259,18 @@ void BM_UnorderedSetContains(benchmark::State &state) {
 
 }  // namespace
 
-BENCHMARK(BM_FindLineEnd_Str);
-BENCHMARK(BM_FindLineEnd_Memchr);
-BENCHMARK(BM_FindLineEnd_FindFirstOf);
-BENCHMARK(BM_LineCount_Str);
-BENCHMARK(BM_LineCount_Memchr);
-BENCHMARK(BM_HasHighByte_Str);
-BENCHMARK(BM_HasHighByte_ByteLoop);
-BENCHMARK(BM_ToUpper_Str);
-BENCHMARK(BM_ToUpper_ByteLoop);
-BENCHMARK(BM_Split_Str);
-BENCHMARK(BM_CompareNaturally);
-BENCHMARK(BM_CompareNaturally_Strverscmp);
-BENCHMARK(BM_StaticSetContains)->Arg(16)->Arg(1000);
-BENCHMARK(BM_UnorderedSetContains)->Arg(16)->Arg(1000);
+BENCHMARK(BM_FindLineEnd_Str)->Name("StrScan/find_line_end/Ours");
+BENCHMARK(BM_FindLineEnd_Memchr)->Name("StrScan/find_line_end/memchr");
+BENCHMARK(BM_FindLineEnd_FindFirstOf)->Name("StrScan/find_line_end/find_first_of");
+BENCHMARK(BM_LineCount_Str)->Name("StrScan/line_count/Ours");
+BENCHMARK(BM_LineCount_Memchr)->Name("StrScan/line_count/memchr");
+BENCHMARK(BM_HasHighByte_Str)->Name("StrScan/has_high_byte/Ours");
+BENCHMARK(BM_HasHighByte_ByteLoop)->Name("StrScan/has_high_byte/byte_loop");
+BENCHMARK(BM_ToUpper_Str)->Name("StrScan/to_upper_lower/Ours");
+BENCHMARK(BM_ToUpper_ByteLoop)->Name("StrScan/to_upper_lower/byte_loop");
+BENCHMARK(BM_Split_Str)->Name("StrSplit/csv_40_fields/Ours");
+BENCHMARK(BM_CompareNaturally)->Name("NaturalOrder/version_pairs/Ours");
+BENCHMARK(BM_CompareNaturally_Strverscmp)->Name("NaturalOrder/version_pairs/strverscmp");
+BENCHMARK(BM_StaticSetContains)->Name("StrHashSet/contains/Ours")->Arg(16)->Arg(1000);
+BENCHMARK(BM_UnorderedSetContains)->Name("StrHashSet/contains/unordered_set")->Arg(16)->Arg(1000);
 BENCHMARK_MAIN();

@@ -8,18 +8,18 @@
 static void BM_TimevalNow(benchmark::State &state) {
   for (auto _ : state) benchmark::DoNotOptimize(morvek::Timeval::now());
 }
-BENCHMARK(BM_TimevalNow);
+BENCHMARK(BM_TimevalNow)->Name("Clock/realtime_now/Ours");
 
 static void BM_SystemClockNow(benchmark::State &state) {
   for (auto _ : state) benchmark::DoNotOptimize(std::chrono::system_clock::now());
 }
-BENCHMARK(BM_SystemClockNow);
+BENCHMARK(BM_SystemClockNow)->Name("Clock/realtime_now/system_clock");
 
 static void BM_TimevalCachedNow(benchmark::State &state) {
   morvek::Timeval::setCachedNow();
   for (auto _ : state) benchmark::DoNotOptimize(morvek::Timeval::cachedNow());
 }
-BENCHMARK(BM_TimevalCachedNow);
+BENCHMARK(BM_TimevalCachedNow)->Name("Clock/cached_now/Ours");
 
 static void BM_TimevalAddUsec(benchmark::State &state) {
   morvek::Timeval t(1700000000, 0);
@@ -28,6 +28,6 @@ static void BM_TimevalAddUsec(benchmark::State &state) {
     benchmark::DoNotOptimize(t);
   }
 }
-BENCHMARK(BM_TimevalAddUsec);
+BENCHMARK(BM_TimevalAddUsec)->Name("Timeval/add_usec/Ours");
 
 BENCHMARK_MAIN();

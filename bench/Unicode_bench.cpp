@@ -38,8 +38,6 @@ const std::string &text(int kind) {
 }
 
 void label(benchmark::State &state, int kind) {
-  static const char *names[] = {"ascii", "latin", "cjk", "mixed"};
-  state.SetLabel(names[kind]);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text(kind).size()));
 }
 
@@ -75,14 +73,14 @@ bool plain_validate(const unsigned char *p, size_t len) {
   return true;
 }
 
-void BM_Validate_Morvek(benchmark::State &state) {
-  const std::string &s = text(static_cast<int>(state.range(0)));
+void BM_Validate_Morvek(benchmark::State &state, int kind) {
+  const std::string &s = text(kind);
   for (auto _ : state) benchmark::DoNotOptimize(isValidUtf8(s.data(), s.size()));
-  label(state, static_cast<int>(state.range(0)));
+  label(state, kind);
 }
 
-void BM_Validate_Utf8proc(benchmark::State &state) {
-  const std::string &s = text(static_cast<int>(state.range(0)));
+void BM_Validate_Utf8proc(benchmark::State &state, int kind) {
+  const std::string &s = text(kind);
   for (auto _ : state) {
     const auto *p = reinterpret_cast<const utf8proc_uint8_t *>(s.data());
     utf8proc_ssize_t left = static_cast<utf8proc_ssize_t>(s.size());
@@ -99,25 +97,25 @@ void BM_Validate_Utf8proc(benchmark::State &state) {
     }
     benchmark::DoNotOptimize(ok);
   }
-  label(state, static_cast<int>(state.range(0)));
+  label(state, kind);
 }
 
-void BM_Validate_PlainLoop(benchmark::State &state) {
-  const std::string &s = text(static_cast<int>(state.range(0)));
+void BM_Validate_PlainLoop(benchmark::State &state, int kind) {
+  const std::string &s = text(kind);
   for (auto _ : state)
     benchmark::DoNotOptimize(
         plain_validate(reinterpret_cast<const unsigned char *>(s.data()), s.size()));
-  label(state, static_cast<int>(state.range(0)));
+  label(state, kind);
 }
 
-void BM_Count_Morvek(benchmark::State &state) {
-  const std::string &s = text(static_cast<int>(state.range(0)));
+void BM_Count_Morvek(benchmark::State &state, int kind) {
+  const std::string &s = text(kind);
   for (auto _ : state) benchmark::DoNotOptimize(mem_count_utf8_codepoints(s.data(), s.size()));
-  label(state, static_cast<int>(state.range(0)));
+  label(state, kind);
 }
 
-void BM_Count_Utf8proc(benchmark::State &state) {
-  const std::string &s = text(static_cast<int>(state.range(0)));
+void BM_Count_Utf8proc(benchmark::State &state, int kind) {
+  const std::string &s = text(kind);
   for (auto _ : state) {
     const auto *p = reinterpret_cast<const utf8proc_uint8_t *>(s.data());
     utf8proc_ssize_t left = static_cast<utf8proc_ssize_t>(s.size());
@@ -132,27 +130,27 @@ void BM_Count_Utf8proc(benchmark::State &state) {
     }
     benchmark::DoNotOptimize(count);
   }
-  label(state, static_cast<int>(state.range(0)));
+  label(state, kind);
 }
 
-void BM_Count_PlainLoop(benchmark::State &state) {
-  const std::string &s = text(static_cast<int>(state.range(0)));
+void BM_Count_PlainLoop(benchmark::State &state, int kind) {
+  const std::string &s = text(kind);
   for (auto _ : state) {
     size_t count = 0;
     for (unsigned char c : s) count += (c & 0xC0) != 0x80;
     benchmark::DoNotOptimize(count);
   }
-  label(state, static_cast<int>(state.range(0)));
+  label(state, kind);
 }
 
-void BM_Width_Morvek(benchmark::State &state) {
-  const std::string &s = text(static_cast<int>(state.range(0)));
+void BM_Width_Morvek(benchmark::State &state, int kind) {
+  const std::string &s = text(kind);
   for (auto _ : state) benchmark::DoNotOptimize(mem_display_width(s.data(), s.size()));
-  label(state, static_cast<int>(state.range(0)));
+  label(state, kind);
 }
 
-void BM_Width_Utf8proc(benchmark::State &state) {
-  const std::string &s = text(static_cast<int>(state.range(0)));
+void BM_Width_Utf8proc(benchmark::State &state, int kind) {
+  const std::string &s = text(kind);
   for (auto _ : state) {
     const auto *p = reinterpret_cast<const utf8proc_uint8_t *>(s.data());
     utf8proc_ssize_t left = static_cast<utf8proc_ssize_t>(s.size());
@@ -169,12 +167,12 @@ void BM_Width_Utf8proc(benchmark::State &state) {
     }
     benchmark::DoNotOptimize(width);
   }
-  label(state, static_cast<int>(state.range(0)));
+  label(state, kind);
 }
 
 // One character at a time through codepoint_width, with no ASCII shortcut.
-void BM_Width_PlainLoop(benchmark::State &state) {
-  const std::string &s = text(static_cast<int>(state.range(0)));
+void BM_Width_PlainLoop(benchmark::State &state, int kind) {
+  const std::string &s = text(kind);
   for (auto _ : state) {
     StrSegment seg(s);
     size_t width = 0;
@@ -186,7 +184,7 @@ void BM_Width_PlainLoop(benchmark::State &state) {
         ++seg._data, --seg._len;
     benchmark::DoNotOptimize(width);
   }
-  label(state, static_cast<int>(state.range(0)));
+  label(state, kind);
 }
 
 // Comparison pairs: the same text in two cases, so that the whole string is walked.
@@ -210,20 +208,18 @@ const Pair &pair(int kind) {
 }
 
 void label_pair(benchmark::State &state, int kind) {
-  static const char *names[] = {"ascii", "latin", "cjk", "mixed"};
-  state.SetLabel(names[kind]);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * pair(kind).a.size()));
 }
 
-void BM_Caseless_Morvek(benchmark::State &state) {
-  const Pair &p = pair(static_cast<int>(state.range(0)));
+void BM_Caseless_Morvek(benchmark::State &state, int kind) {
+  const Pair &p = pair(kind);
   for (auto _ : state)
     benchmark::DoNotOptimize(mem_compare_caseless(p.a.data(), p.a.size(), p.b.data(), p.b.size()));
-  label_pair(state, static_cast<int>(state.range(0)));
+  label_pair(state, kind);
 }
 
-void BM_Caseless_Utf8procFoldMemcmp(benchmark::State &state) {
-  const Pair &p = pair(static_cast<int>(state.range(0)));
+void BM_Caseless_Utf8procFoldMemcmp(benchmark::State &state, int kind) {
+  const Pair &p = pair(kind);
   for (auto _ : state) {
     utf8proc_uint8_t *fa = nullptr, *fb = nullptr;
     const auto na = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t *>(p.a.data()),
@@ -236,7 +232,7 @@ void BM_Caseless_Utf8procFoldMemcmp(benchmark::State &state) {
     free(fa);
     free(fb);
   }
-  label_pair(state, static_cast<int>(state.range(0)));
+  label_pair(state, kind);
 }
 
 void BM_Caseless_Strcasecmp(benchmark::State &state) {
@@ -297,24 +293,35 @@ void BM_Combine_Utf8procNFC_Ascii(benchmark::State &state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text(ASCII).size()));
 }
 
+const char *const KIND_NAMES[] = {"ascii", "latin", "cjk", "mixed"};
+
+// Each text kind is a case of its own: Group/<kind>/<impl>.
+bool registerKinds(const char *group, const char *impl, void (*fn)(benchmark::State &, int)) {
+  for (int k = ASCII; k <= MIXED; ++k)
+    benchmark::RegisterBenchmark((std::string(group) + "/" + KIND_NAMES[k] + "/" + impl).c_str(),
+                                 fn, k);
+  return true;
+}
+
+[[maybe_unused]] const bool registered =
+    registerKinds("Utf8Validate", "Ours", BM_Validate_Morvek) &&
+    registerKinds("Utf8Validate", "utf8proc", BM_Validate_Utf8proc) &&
+    registerKinds("Utf8Validate", "plain_loop", BM_Validate_PlainLoop) &&
+    registerKinds("Utf8Count", "Ours", BM_Count_Morvek) &&
+    registerKinds("Utf8Count", "utf8proc", BM_Count_Utf8proc) &&
+    registerKinds("Utf8Count", "plain_loop", BM_Count_PlainLoop) &&
+    registerKinds("DisplayWidth", "Ours", BM_Width_Morvek) &&
+    registerKinds("DisplayWidth", "utf8proc", BM_Width_Utf8proc) &&
+    registerKinds("DisplayWidth", "plain_loop", BM_Width_PlainLoop) &&
+    registerKinds("Caseless", "Ours", BM_Caseless_Morvek) &&
+    registerKinds("Caseless", "utf8proc", BM_Caseless_Utf8procFoldMemcmp);
+
 }  // namespace
 
-#define KINDS DenseRange(ASCII, MIXED)
-BENCHMARK(BM_Validate_Morvek)->KINDS;
-BENCHMARK(BM_Validate_Utf8proc)->KINDS;
-BENCHMARK(BM_Validate_PlainLoop)->KINDS;
-BENCHMARK(BM_Count_Morvek)->KINDS;
-BENCHMARK(BM_Count_Utf8proc)->KINDS;
-BENCHMARK(BM_Count_PlainLoop)->KINDS;
-BENCHMARK(BM_Width_Morvek)->KINDS;
-BENCHMARK(BM_Width_Utf8proc)->KINDS;
-BENCHMARK(BM_Width_PlainLoop)->KINDS;
-BENCHMARK(BM_Caseless_Morvek)->KINDS;
-BENCHMARK(BM_Caseless_Utf8procFoldMemcmp)->KINDS;
-BENCHMARK(BM_Caseless_Strcasecmp);
-BENCHMARK(BM_Combine_Morvek_Ascii);
-BENCHMARK(BM_Combine_Utf8procNFC_Ascii);
-BENCHMARK(BM_Combine_Morvek_Decomposed);
-BENCHMARK(BM_Combine_Utf8procNFC_Decomposed);
+BENCHMARK(BM_Caseless_Strcasecmp)->Name("Caseless/ascii/strcasecmp");
+BENCHMARK(BM_Combine_Morvek_Ascii)->Name("CombiningMarks/ascii/Ours");
+BENCHMARK(BM_Combine_Utf8procNFC_Ascii)->Name("CombiningMarks/ascii/utf8proc");
+BENCHMARK(BM_Combine_Morvek_Decomposed)->Name("CombiningMarks/decomposed/Ours");
+BENCHMARK(BM_Combine_Utf8procNFC_Decomposed)->Name("CombiningMarks/decomposed/utf8proc");
 
 BENCHMARK_MAIN();
