@@ -68,7 +68,7 @@ def load(paths):
     runs, contexts, bad = [], [], []
     aggregate_medians = {}
     for file_index, path in enumerate(paths):
-        with open(path) as f:
+        with open(path, encoding="utf-8") as f:
             doc = json.load(f)
         contexts.append(doc.get("context", {}))
         for b in doc.get("benchmarks", []):
@@ -334,7 +334,7 @@ def main(argv):
                     charts[group] = chart_name(group)
 
     os.makedirs(args.out, exist_ok=True)
-    with open(os.path.join(args.out, "benchmarks.md"), "w") as f:
+    with open(os.path.join(args.out, "benchmarks.md"), "w", encoding="utf-8") as f:
         f.write(render(groups, contexts, args, charts))
     return 0
 
