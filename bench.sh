@@ -45,7 +45,7 @@ cmake --build "$build" --target "${targets[@]}"
 if [ "$quick" = 1 ]; then
   flags=(--benchmark_repetitions=2 --benchmark_min_time=0.02)
 else
-  flags=(--benchmark_repetitions=5 --benchmark_min_time=0.2 --benchmark_enable_random_interleaving=true)
+  flags=(--benchmark_repetitions=6 --benchmark_min_time=0.25 --benchmark_enable_random_interleaving=true)
 fi
 [ -n "$filter" ] && flags+=("--benchmark_filter=$filter")
 
@@ -54,7 +54,7 @@ rm -rf "$results"
 mkdir -p "$results"
 for t in "${targets[@]}"; do
   bin="$build/bench/$t"
-  if [ -n "$filter" ] && [ -z "$("$bin" --benchmark_list_tests "--benchmark_filter=$filter")" ]; then
+  if [ -n "$filter" ] && [ -z "$("$bin" --benchmark_list_tests "--benchmark_filter=$filter" 2>/dev/null)" ]; then
     continue
   fi
   start=$SECONDS

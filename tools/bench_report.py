@@ -170,7 +170,9 @@ def summary(groups):
             if not rs:
                 continue
             gm = math.exp(sum(math.log(r) for r in rs) / len(rs))
-            span = f"{plain_ratio(min(rs))} – {plain_ratio(max(rs))}"
+            span = plain_ratio(min(rs))
+            if len(rs) > 1:
+                span += f" – {plain_ratio(max(rs))}"
             lines.append(f"| {group} | {p} | {len(rs)} | {fmt_ratio(gm)} | {span} |")
     return lines
 
