@@ -94,8 +94,8 @@ def load(paths):
                 bad.append(run_name)
             continue
         group, case, impl, wall = parsed
-        entry = groups.setdefault(group, OrderedDict()).setdefault(case, OrderedDict())
-        e = entry.setdefault(impl, Entry(wall))
+        impls = groups.setdefault(group, OrderedDict()).setdefault(case, OrderedDict())
+        e = impls.setdefault(impl, Entry(wall))
         t = b["real_time"] if wall else b["cpu_time"]
         e.samples.append(t * UNIT_NS[b.get("time_unit", "ns")])
     return groups, contexts, bad

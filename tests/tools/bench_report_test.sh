@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # The benchmark page generator: two fixed result files in, the expected page out (tables need
-# only the standard library); charts are checked too when matplotlib is there.
+# only the standard library); charts are checked too when matplotlib is there. The fixture holds
+# interleaved repetitions, ignored aggregates, a failed run, arguments and timing suffixes,
+# wall-clock runs, an aggregates-only run, a misnamed benchmark and a group of ours alone.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 data="$root/tests/tools/bench_report"
