@@ -185,6 +185,7 @@ def draw_chart(group, cases, path):
     import matplotlib
     matplotlib.use("Agg")
     matplotlib.rcParams["svg.hashsalt"] = "morvek"  # stable ids: the file only changes with data
+    matplotlib.rcParams["svg.fonttype"] = "none"  # text stays text: small files, the page's font
     import matplotlib.pyplot as plt
     import matplotlib.ticker
 
