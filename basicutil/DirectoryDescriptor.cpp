@@ -1,5 +1,6 @@
 #include "basicutil/DirectoryDescriptor.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,6 +41,20 @@ bool hasHighByte(const char *name) {
 bool DirectoryDescriptor::open(const Pathname &path) {
   close();
   _dir = path.openDirectory();
+  return _dir != nullptr;
+}
+
+bool DirectoryDescriptor::openAt(int parentFd, const char *name) {
+  close();
+  int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (parentFd == AT_FDCWD ? 0 : O_NOFOLLOW);
+  int fd = openat(parentFd, name, flags);
+  if (fd < 0) return false;
+  _dir = fdopendir(fd);
+  if (_dir == nullptr) {
+    int saved = errno;
+    ::close(fd);
+    errno = saved;
+  }
   return _dir != nullptr;
 }
 
@@ -111,7 +126,7 @@ bool DirectoryReader::nextRaw(Str &name, struct dirent **entp) {
       return false;
     }
     if (!entryCounts(ent->d_name)) continue;
-    if (hasHighByte(ent->d_name)) {
+    if (!_keep_stored_names && hasHighByte(ent->d_name)) {
       name.assign(ent->d_name);
       resolveUnicodeCombiningMarks(name);
       MV_ASSERT(name.size() <= strlen(_de._ent->d_name));
@@ -122,6 +137,14 @@ bool DirectoryReader::nextRaw(Str &name, struct dirent **entp) {
     if (entp != nullptr) *entp = ent;
     return true;
   }
+}
+
+bool DirectoryReader::openAt(int parentFd, const char *name) {
+  _at_end = false;
+  if (!_de.valid()) _de.allocMem(_path);
+  if (_dd.openAt(parentFd, name)) return true;
+  _at_end = true;
+  return false;
 }
 
 bool DirectoryReader::next(Str &name) { return nextRaw(name, nullptr); }

@@ -31,6 +31,12 @@ class DirectoryDescriptor {
   bool valid() const { return _dir != nullptr; }
   // Closes what was open first.
   bool open(const Pathname &path);
+  // The directory name inside the open directory parentFd: walks that go deeper than PATH_MAX
+  // work from descriptors. A link is followed only at the top (parentFd AT_FDCWD), so a walk
+  // can't be led out of its tree by a directory swapped for a link.
+  bool openAt(int parentFd, const char *name);
+  // The descriptor under the open directory, for the *at calls.
+  int fd() const { return dirfd(_dir); }
   // closedir; errno survives a failing close.
   void close();
   // The next raw entry copied into de, or null at the end or on an error (errno tells which:
@@ -62,7 +68,8 @@ class DirectoryReader {
   // The kinds nextWithType reports; OTHER covers links, devices and what stat can't reach.
   enum EntryType : int { TYPE_OTHER = 0, TYPE_DIRECTORY = 4, TYPE_FILE = 8 };
 
-  explicit DirectoryReader(const Pathname &path) : _path(path), _at_end(false) {}
+  explicit DirectoryReader(const Pathname &path)
+      : _path(path), _at_end(false), _keep_stored_names(false) {}
   virtual ~DirectoryReader();
 
   // The next name; opens the directory on first use. At the end (or on a failure to open or
@@ -78,12 +85,19 @@ class DirectoryReader {
   // Every name of path into names; false when the directory couldn't be opened or read.
   static bool readAllNames(const Pathname &path, StrSet &names);
 
+  // Opens now, by name inside parentFd; next() then reads this directory. path stays the name
+  // used for reports and the buffer size.
+  bool openAt(int parentFd, const char *name);
   const Pathname &path() const { return _path; }
+  // Names come back as stored, without the combining-mark resolution: the file system doesn't
+  // normalise, so a walk that acts on its entries must name them byte for byte.
+  void keepStoredNames() { _keep_stored_names = true; }
 
   DirectoryDescriptor _dd;
   DirectoryEntry _de;
   Pathname _path;
   bool _at_end;
+  bool _keep_stored_names;
 
  protected:
   bool nextRaw(Str &name, struct dirent **entp);

@@ -71,6 +71,12 @@ struct timeval toTimeval(const struct timespec &ts) {
   return tv;
 }
 
+// The same in a timespec, for utimensat.
+struct timespec toMicroseconds(const struct timespec &ts) {
+  struct timeval tv = toTimeval(ts);
+  return {tv.tv_sec, static_cast<long>(tv.tv_usec) * 1000};
+}
+
 bool statOk(const Pathname &path, struct stat &st) { return ::stat(path.c_str(), &st) == 0; }
 
 // Unlinks the held name when it goes out of scope, keeping errno.
@@ -111,6 +117,59 @@ bool crossDeviceMove(const Pathname &src, const Pathname &dest) {
 }
 
 // ---- The tree engine ------------------------------------------------------------------------
+// A walk names each file twice: by its full path, for filters and reports, and by a directory
+// descriptor and a name, for the system calls, so that a tree deeper than PATH_MAX is handled.
+
+struct At {
+  const Pathname &path;
+  int dirFd;         // AT_FDCWD at the top of a walk
+  const char *name;  // the path itself at the top
+
+  static At top(const Pathname &p) { return {p, AT_FDCWD, p.c_str()}; }
+};
+
+bool makeWritableAt(At a) {
+  if (faccessat(a.dirFd, a.name, W_OK, 0) == 0) return true;
+  struct stat st;
+  if (fstatat(a.dirFd, a.name, &st, 0) == 0) {
+    fchmodat(a.dirFd, a.name, (st.st_mode & 07777) | 0200, 0);
+  }
+  return faccessat(a.dirFd, a.name, W_OK, 0) == 0;
+}
+
+bool copyFileAt(At src, At dest, bool fixAttributes) {
+  FileDescriptor in(openat(src.dirFd, src.name, O_RDONLY | O_CLOEXEC));
+  struct stat srcSt, destSt;
+  if (!in.valid() || fstat(in.fd(), &srcSt) != 0) return false;
+  if (fstatat(dest.dirFd, dest.name, &destSt, 0) == 0) {
+    if (srcSt.st_dev == destSt.st_dev && srcSt.st_ino == destSt.st_ino) return true;
+    if (fixAttributes && !makeWritableAt(dest)) return false;
+  }
+  // Created with the source's permission bits, as FileDescriptor::copyToPath does.
+  FileDescriptor out(openat(dest.dirFd, dest.name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
+                            srcSt.st_mode & 0777));
+  if (!out.valid() || !in.copyTo(out.fd()) || !out.close()) return false;
+  return !fixAttributes || fchmodat(dest.dirFd, dest.name, srcSt.st_mode & 0777, 0) == 0;
+}
+
+// A symbolic link met inside a copied tree is made again as a link, not followed: a copy must
+// not grow through a link that loops back into the tree.
+bool copySymlinkAt(At src, At dest, off_t sizeHint) {
+  Str target;
+  target.resize(static_cast<size_t>(std::max<off_t>(sizeHint, 64)) + 1);
+  for (;;) {
+    ssize_t n = readlinkat(src.dirFd, src.name, target.data(), target.size());
+    if (n < 0) return false;
+    if (static_cast<size_t>(n) < target.size()) {
+      target.resize(static_cast<size_t>(n));
+      break;
+    }
+    target.resize(target.size() * 2);
+  }
+  if (symlinkat(target.c_str(), dest.dirFd, dest.name) == 0) return true;
+  if (errno != EEXIST || unlinkat(dest.dirFd, dest.name, 0) != 0) return false;
+  return symlinkat(target.c_str(), dest.dirFd, dest.name) == 0;
+}
 
 enum class Action { COPY, HARD_LINK, MOVE };
 
@@ -124,164 +183,161 @@ struct TreeOptions {
   bool fixAttributes;
 };
 
-// A symbolic link met inside a copied tree is made again as a link, not followed: a copy must
-// not grow through a link that loops back into the tree.
-bool copySymlink(const Pathname &src, const Pathname &dest, off_t sizeHint) {
-  Str target;
-  target.resize(static_cast<size_t>(std::max<off_t>(sizeHint, 64)) + 1);
-  for (;;) {
-    ssize_t n = readlink(src.c_str(), target.data(), target.size());
-    if (n < 0) return false;
-    if (static_cast<size_t>(n) < target.size()) {
-      target.resize(static_cast<size_t>(n));
-      break;
-    }
-    target.resize(target.size() * 2);
-  }
-  if (symlink(target.c_str(), dest.c_str()) == 0) return true;
-  if (errno != EEXIST || ::unlink(dest.c_str()) != 0) return false;
-  return symlink(target.c_str(), dest.c_str()) == 0;
-}
-
-bool applyAction(const Pathname &src, const Pathname &dest, const TreeOptions &o) {
+bool applyAction(At src, At dest, const TreeOptions &o) {
   switch (o.action) {
     case Action::COPY:
-      return src.copyFile(dest, o.fixAttributes);
+      return copyFileAt(src, dest, o.fixAttributes);
     case Action::HARD_LINK:
-      return src.linkTo(dest.c_str()) || src.copyFile(dest, false);
+      return linkat(src.dirFd, src.name, dest.dirFd, dest.name, 0) == 0 ||
+             copyFileAt(src, dest, false);
     case Action::MOVE:
-      return src.renameTo(dest.c_str()) || src.copyFile(dest, false);
+      return renameat(src.dirFd, src.name, dest.dirFd, dest.name) == 0 ||
+             copyFileAt(src, dest, false);
   }
   return false;
 }
 
-bool transferContents(const Pathname &src, const Pathname &dest, const TreeOptions &o,
-                      FileOperationScope &scope);
+bool transferContents(At src, At dest, const TreeOptions &o, FileOperationScope &scope);
 
-bool transferTree(const Pathname &src, const Pathname &dest, const TreeOptions &o,
-                  FileOperationScope &scope) {
+bool transferTree(At src, At dest, const TreeOptions &o, FileOperationScope &scope) {
   struct stat st;
-  if (!statOk(src, st)) {
-    scope.fail(STEP_STAT_SOURCE, src, &dest);
+  if (fstatat(src.dirFd, src.name, &st, 0) != 0) {
+    scope.fail(STEP_STAT_SOURCE, src.path, &dest.path);
     return false;
   }
   if (!S_ISDIR(st.st_mode)) {
     if (applyAction(src, dest, o)) return true;
-    scope.fail(actionName(o.action), src, &dest);
+    scope.fail(actionName(o.action), src.path, &dest.path);
     return false;
   }
   struct stat dst;
-  if (statOk(dest, dst)) {
+  if (fstatat(dest.dirFd, dest.name, &dst, 0) == 0) {
     if (!S_ISDIR(dst.st_mode)) {
       errno = ENOTDIR;
-      scope.fail(actionName(o.action), src, &dest);
+      scope.fail(actionName(o.action), src.path, &dest.path);
       return false;
     }
-  } else if (!FilePermissions::mkdir(dest.c_str(), FilePermissions::MKDIR_NORMAL)) {
-    scope.fail(STEP_CREATE_DEST, src, &dest);
+  } else if (!FilePermissions::mkdirAt(dest.dirFd, dest.name, FilePermissions::MKDIR_NORMAL)) {
+    scope.fail(STEP_CREATE_DEST, src.path, &dest.path);
     return false;
   }
   bool ok = transferContents(src, dest, o, scope);
-  if (!dest.chmod(st.st_mode & 07777)) {
-    scope.fail(STEP_CHMOD_DEST, src, &dest);
+  if (fchmodat(dest.dirFd, dest.name, st.st_mode & 07777, 0) != 0) {
+    scope.fail(STEP_CHMOD_DEST, src.path, &dest.path);
     ok = false;
   }
   if (o.keepTimes) {
-    if (!statOk(src, st)) {
-      scope.fail(STEP_GET_MODTIME, src, &dest);
+    if (fstatat(src.dirFd, src.name, &st, 0) != 0) {
+      scope.fail(STEP_GET_MODTIME, src.path, &dest.path);
       return false;
     }
-    struct timeval times[2] = {toTimeval(st.st_atim), toTimeval(st.st_mtim)};
-    if (utimes(dest.c_str(), times) != 0) {
-      scope.fail(STEP_SET_MODTIME, src, &dest);
+    struct timespec times[2] = {toMicroseconds(st.st_atim), toMicroseconds(st.st_mtim)};
+    if (utimensat(dest.dirFd, dest.name, times, 0) != 0) {
+      scope.fail(STEP_SET_MODTIME, src.path, &dest.path);
       return false;
     }
   }
   return ok;
 }
 
-bool transferContents(const Pathname &src, const Pathname &dest, const TreeOptions &o,
-                      FileOperationScope &scope) {
-  DirectoryReader reader(src);
+bool transferContents(At src, At dest, const TreeOptions &o, FileOperationScope &scope) {
+  DirectoryReader reader(src.path);
+  reader.keepStoredNames();
+  FileDescriptor destDir(openat(dest.dirFd, dest.name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!destDir.valid() || !reader.openAt(src.dirFd, src.name)) {
+    scope.fail(STEP_TRANSFER, src.path, &dest.path);
+    return false;
+  }
+  const int srcFd = reader._dd.fd();
   Str name;
   bool ok = true;
   while (reader.next(name)) {
-    Pathname childSrc(src, name);
-    Pathname childDest(dest, name);
+    Pathname childSrcPath(src.path, name), childDestPath(dest.path, name);
+    At childSrc{childSrcPath, srcFd, name.c_str()};
+    At childDest{childDestPath, destDir.fd(), name.c_str()};
     struct stat st;
     bool done;
-    if (lstat(childSrc.c_str(), &st) != 0) {
+    if (fstatat(srcFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
       done = false;
     } else if (S_ISDIR(st.st_mode)) {
       ok = transferTree(childSrc, childDest, o, scope) && ok;  // reports its own steps
       continue;
     } else if (S_ISLNK(st.st_mode) && o.action == Action::COPY) {
-      done = copySymlink(childSrc, childDest, st.st_size);
+      done = copySymlinkAt(childSrc, childDest, st.st_size);
     } else {
       done = applyAction(childSrc, childDest, o);
     }
     if (!done) {
-      scope.fail(STEP_TRANSFER, childSrc, &childDest);
+      scope.fail(STEP_TRANSFER, childSrcPath, &childDestPath);
       ok = false;
     }
   }
-  if (errno != 0) {  // the directory itself couldn't be read
-    scope.fail(STEP_TRANSFER, src, &dest);
+  if (errno != 0) {  // reading the directory failed part way
+    scope.fail(STEP_TRANSFER, src.path, &dest.path);
     ok = false;
   }
   return ok;
 }
 
-bool removeContentsIn(const Pathname &dir, const Pathname::predicate &pred,
-                      FileOperationScope &scope);
+bool removeContentsIn(At dir, const Pathname::predicate &pred, FileOperationScope &scope);
 
-bool removeTreeIn(const Pathname &path, const Pathname::predicate &pred,
-                  FileOperationScope &scope) {
-  Pathname::Decision d = pred(path);
+bool removeTreeIn(At a, const Pathname::predicate &pred, FileOperationScope &scope) {
+  Pathname::Decision d = pred(a.path);
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0) {
-    scope.fail(FAIL_REMOVE_FILE, path);
+  if (fstatat(a.dirFd, a.name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    scope.fail(FAIL_REMOVE_FILE, a.path);
     return false;
   }
   if (!S_ISDIR(st.st_mode)) {
-    if (!d.take || path.unlink()) return true;
-    scope.fail(FAIL_REMOVE_FILE, path);
+    if (!d.take || unlinkat(a.dirFd, a.name, 0) == 0) return true;
+    scope.fail(FAIL_REMOVE_FILE, a.path);
     return false;
   }
   if (d.take || d.descend) {
-    path.makeWritable();
-    if (!removeContentsIn(path, pred, scope)) return false;
+    makeWritableAt(a);
+    if (!removeContentsIn(a, pred, scope)) return false;
   }
-  if (!d.take || path.rmdir()) return true;
+  if (!d.take || unlinkat(a.dirFd, a.name, AT_REMOVEDIR) == 0) return true;
   if (errno == ENOTEMPTY || errno == EEXIST) return true;  // the filter spared something inside
-  scope.fail(FAIL_REMOVE_DIR, path);
+  scope.fail(FAIL_REMOVE_DIR, a.path);
   return false;
 }
 
-bool removeContentsIn(const Pathname &dir, const Pathname::predicate &pred,
-                      FileOperationScope &scope) {
-  DirectoryReader reader(dir);
+bool removeContentsIn(At dir, const Pathname::predicate &pred, FileOperationScope &scope) {
+  DirectoryReader reader(dir.path);
+  reader.keepStoredNames();
+  if (!reader.openAt(dir.dirFd, dir.name)) {
+    scope.fail(FAIL_REMOVE_DIR, dir.path);
+    return false;
+  }
+  const int fd = reader._dd.fd();
   Str name;
   bool ok = true;
-  while (reader.next(name)) ok = removeTreeIn(Pathname(dir, name), pred, scope) && ok;
+  while (reader.next(name)) {
+    Pathname child(dir.path, name);
+    ok = removeTreeIn({child, fd, name.c_str()}, pred, scope) && ok;
+  }
   if (errno != 0) {
-    scope.fail(FAIL_REMOVE_DIR, dir);
+    scope.fail(FAIL_REMOVE_DIR, dir.path);
     ok = false;
   }
   return ok;
 }
 
-bool removeBySuffixIn(const Pathname &dir, StrSegment suffix, FileOperationScope &scope) {
-  DirectoryReader reader(dir);
+bool removeBySuffixIn(At dir, StrSegment suffix, FileOperationScope &scope) {
+  DirectoryReader reader(dir.path);
+  reader.keepStoredNames();
+  if (!reader.openAt(dir.dirFd, dir.name)) return false;
+  const int fd = reader._dd.fd();
   Str name;
   bool ok = true;
   while (reader.next(name)) {
-    Pathname child(dir, name);
+    Pathname child(dir.path, name);
     struct stat st;
-    if (lstat(child.c_str(), &st) != 0) continue;  // gone meanwhile
+    if (fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;  // gone meanwhile
     if (S_ISDIR(st.st_mode)) {
-      ok = removeBySuffixIn(child, suffix, scope) && ok;
-    } else if (name.endsWith(suffix) && !child.unlink()) {
+      ok = removeBySuffixIn({child, fd, name.c_str()}, suffix, scope) && ok;
+    } else if (name.endsWith(suffix) && unlinkat(fd, name.c_str(), 0) != 0) {
       scope.fail(FAIL_REMOVE_BY_SUFFIX, child);
       ok = false;
     }
@@ -495,12 +551,7 @@ bool Pathname::isReadOnly() const {
   return statOk(*this, st) && (st.st_mode & 0222) == 0;
 }
 
-bool Pathname::makeWritable() const {
-  if (access(c_str(), W_OK) == 0) return true;
-  struct stat st;
-  if (statOk(*this, st)) ::chmod(c_str(), (st.st_mode & 07777) | 0200);
-  return access(c_str(), W_OK) == 0;
-}
+bool Pathname::makeWritable() const { return makeWritableAt(At::top(*this)); }
 
 bool Pathname::makeReadOnly() const {
   if (access(c_str(), W_OK) == 0) {
@@ -539,12 +590,12 @@ bool Pathname::makeDirectories(mode_t mode) const {
 
 bool Pathname::removeTree(const predicate &pred, FileOperationErrors *errors) const {
   FileOperationScope scope(errors);
-  return removeTreeIn(*this, pred, scope);
+  return removeTreeIn(At::top(*this), pred, scope);
 }
 
 bool Pathname::removeContents(const predicate &pred, FileOperationErrors *errors) const {
   FileOperationScope scope(errors);
-  return removeContentsIn(*this, pred, scope);
+  return removeContentsIn(At::top(*this), pred, scope);
 }
 
 bool Pathname::removeTreeIgnoringMissing(const predicate &pred) const {
@@ -560,7 +611,7 @@ bool Pathname::removeContentsExcept(StrSegment name, FileOperationErrors *errors
 
 bool Pathname::removeBySuffix(StrSegment suffix, FileOperationErrors *errors) const {
   FileOperationScope scope(errors);
-  return removeBySuffixIn(*this, suffix, scope);
+  return removeBySuffixIn(At::top(*this), suffix, scope);
 }
 
 bool Pathname::removeWithRetries(unsigned attempts, unsigned delayMs) const {
@@ -581,43 +632,32 @@ bool Pathname::removeContentsWithRetries(int attempts, unsigned delayMs,
 }
 
 bool Pathname::copyFile(const Pathname &dest, bool fixAttributes) const {
-  FileDescriptor in(c_str());
-  if (!in.valid()) return false;
-  struct stat srcSt, destSt;
-  if (statOk(dest, destSt)) {
-    if (fstat(in.fd(), &srcSt) == 0 && srcSt.st_dev == destSt.st_dev &&
-        srcSt.st_ino == destSt.st_ino) {
-      return true;
-    }
-    if (fixAttributes && !dest.makeWritable()) return false;
-  }
-  bool ok = in.copyToPath(dest.c_str());
-  if (!ok || !fixAttributes) return ok;
-  if (fstat(in.fd(), &srcSt) != 0) return false;
-  return dest.chmod(srcSt.st_mode & 0777);
+  return copyFileAt(At::top(*this), At::top(dest), fixAttributes);
 }
 
 bool Pathname::copyTree(const Pathname &dest, FileOperationErrors *errors, bool keepTimes,
                         bool fixAttributes) const {
   FileOperationScope scope(errors);
-  return transferTree(*this, dest, {Action::COPY, keepTimes, fixAttributes}, scope);
+  return transferTree(At::top(*this), At::top(dest), {Action::COPY, keepTimes, fixAttributes},
+                      scope);
 }
 
 bool Pathname::hardLinkTree(const Pathname &dest, FileOperationErrors *errors,
                             bool keepTimes) const {
   FileOperationScope scope(errors);
-  return transferTree(*this, dest, {Action::HARD_LINK, keepTimes, false}, scope);
+  return transferTree(At::top(*this), At::top(dest), {Action::HARD_LINK, keepTimes, false}, scope);
 }
 
 bool Pathname::moveTree(const Pathname &dest, FileOperationErrors *errors, bool keepTimes) const {
   FileOperationScope scope(errors);
-  return transferTree(*this, dest, {Action::MOVE, keepTimes, false}, scope);
+  return transferTree(At::top(*this), At::top(dest), {Action::MOVE, keepTimes, false}, scope);
 }
 
 bool Pathname::copyContents(const Pathname &dest, FileOperationErrors *errors,
                             bool fixAttributes) const {
   FileOperationScope scope(errors);
-  return transferContents(*this, dest, {Action::COPY, false, fixAttributes}, scope);
+  return transferContents(At::top(*this), At::top(dest), {Action::COPY, false, fixAttributes},
+                          scope);
 }
 
 bool Pathname::moveFile(const Pathname &dest) const {

@@ -99,6 +99,10 @@ bool FilePermissions::mkdir(const char *path, int mode) {
   return ::mkdir(path, mkdirmode_to_perm(mode)) == 0;
 }
 
+bool FilePermissions::mkdirAt(int dirFd, const char *name, int mode) {
+  return mkdirat(dirFd, name, mkdirmode_to_perm(mode)) == 0;
+}
+
 bool FilePermissions::canRead(const char *path) { return access(path, R_OK) == 0; }
 bool FilePermissions::canWrite(const char *path) { return access(path, W_OK) == 0; }
 bool FilePermissions::canReadWrite(const char *path) { return access(path, R_OK | W_OK) == 0; }

@@ -30,6 +30,8 @@ class FilePermissions {
   static FileDescriptor createAppend(const char *path, int createmode);
   static FileDescriptor createReadWrite(const char *path, int createmode);
   static bool mkdir(const char *path, int mode);
+  // The same, by name inside the open directory dirFd (or AT_FDCWD).
+  static bool mkdirAt(int dirFd, const char *name, int mode);
 
   // access with R_OK, W_OK, both, or all three.
   static bool canRead(const char *path);

@@ -97,6 +97,8 @@ TEST(DirentSizeCache, RotatesOnlyWhenFullAndOld) {
 }
 
 TEST(FilePermissions, ModesFlagsAndNames) {
+  EXPECT_DEATH(FilePermissions::createmode_to_perm(7), "cm == Pathname::CREATE_NORMAL");
+  EXPECT_DEATH(FilePermissions::mkdirmode_to_perm(4), "mode == MKDIR_PRIVATE");
   TempDir d;
   umask(022);
   struct Case {
@@ -114,8 +116,6 @@ TEST(FilePermissions, ModesFlagsAndNames) {
     ASSERT_EQ(stat(p.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, c.perm);
   }
-  EXPECT_DEATH(FilePermissions::createmode_to_perm(7), "cm == Pathname::CREATE_NORMAL");
-  EXPECT_DEATH(FilePermissions::mkdirmode_to_perm(4), "mode == MKDIR_PRIVATE");
   ASSERT_TRUE(FilePermissions::mkdir(Pathname(d.path, "g").c_str(), FilePermissions::MKDIR_GROUP));
   struct stat st;
   ASSERT_EQ(stat(Pathname(d.path, "g").c_str(), &st), 0);
