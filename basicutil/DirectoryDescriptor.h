@@ -89,6 +89,9 @@ class DirectoryReader {
   // used for reports and the buffer size.
   bool openAt(int parentFd, const char *name);
   const Pathname &path() const { return _path; }
+  // The type field (DT_*) of the entry next() returned last; DT_UNKNOWN where the file system
+  // doesn't fill it in.
+  unsigned char lastType() const { return _de._ent->d_type; }
   // Names come back as stored, without the combining-mark resolution: the file system doesn't
   // normalise, so a walk that acts on its entries must name them byte for byte.
   void keepStoredNames() { _keep_stored_names = true; }

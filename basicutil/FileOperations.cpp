@@ -122,11 +122,43 @@ bool crossDeviceMove(const Pathname &src, const Pathname &dest) {
 
 struct At {
   const Pathname &path;
-  int dirFd;         // AT_FDCWD at the top of a walk
-  const char *name;  // the path itself at the top
+  int dirFd;                        // AT_FDCWD at the top of a walk
+  const char *name;                 // the path itself at the top
+  unsigned char type = DT_UNKNOWN;  // what the directory entry said, saving an lstat
 
   static At top(const Pathname &p) { return {p, AT_FDCWD, p.c_str()}; }
 };
+
+// The file type bits, links not followed.
+bool entryFormat(At a, mode_t &format) {
+  if (a.type != DT_UNKNOWN) {
+    format = DTTOIF(a.type);
+    return true;
+  }
+  struct stat st;
+  if (fstatat(a.dirFd, a.name, &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  format = st.st_mode & S_IFMT;
+  return true;
+}
+
+// In-kernel copy of a regular file from the start; false with nothing written when the file
+// systems can't do it, so that the caller falls back to reading and writing.
+enum class RangeCopy { DONE, FAILED, UNSUPPORTED };
+RangeCopy copyRange(int in, int out, off_t size) {
+  off_t done = 0;
+  for (;;) {
+    ssize_t n = copy_file_range(in, nullptr, out, nullptr, size_t(1) << 30, 0);
+    if (n < 0) {
+      if (done == 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS ||
+                        errno == EOPNOTSUPP || errno == EBADF)) {
+        return RangeCopy::UNSUPPORTED;
+      }
+      return RangeCopy::FAILED;
+    }
+    done += n;
+    if (n == 0 || (size > 0 && done >= size)) return RangeCopy::DONE;
+  }
+}
 
 bool makeWritableAt(At a) {
   if (faccessat(a.dirFd, a.name, W_OK, 0) == 0) return true;
@@ -148,15 +180,20 @@ bool copyFileAt(At src, At dest, bool fixAttributes) {
   // Created with the source's permission bits, as FileDescriptor::copyToPath does.
   FileDescriptor out(openat(dest.dirFd, dest.name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
                             srcSt.st_mode & 0777));
-  if (!out.valid() || !in.copyTo(out.fd()) || !out.close()) return false;
+  if (!out.valid()) return false;
+  RangeCopy range =
+      S_ISREG(srcSt.st_mode) ? copyRange(in.fd(), out.fd(), srcSt.st_size) : RangeCopy::UNSUPPORTED;
+  if (range == RangeCopy::FAILED) return false;
+  if (range == RangeCopy::UNSUPPORTED && !in.copyTo(out.fd())) return false;
+  if (!out.close()) return false;
   return !fixAttributes || fchmodat(dest.dirFd, dest.name, srcSt.st_mode & 0777, 0) == 0;
 }
 
 // A symbolic link met inside a copied tree is made again as a link, not followed: a copy must
 // not grow through a link that loops back into the tree.
-bool copySymlinkAt(At src, At dest, off_t sizeHint) {
+bool copySymlinkAt(At src, At dest) {
   Str target;
-  target.resize(static_cast<size_t>(std::max<off_t>(sizeHint, 64)) + 1);
+  target.resize(128);
   for (;;) {
     ssize_t n = readlinkat(src.dirFd, src.name, target.data(), target.size());
     if (n < 0) return false;
@@ -253,17 +290,17 @@ bool transferContents(At src, At dest, const TreeOptions &o, FileOperationScope 
   bool ok = true;
   while (reader.next(name)) {
     Pathname childSrcPath(src.path, name), childDestPath(dest.path, name);
-    At childSrc{childSrcPath, srcFd, name.c_str()};
+    At childSrc{childSrcPath, srcFd, name.c_str(), reader.lastType()};
     At childDest{childDestPath, destDir.fd(), name.c_str()};
-    struct stat st;
+    mode_t format;
     bool done;
-    if (fstatat(srcFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (!entryFormat(childSrc, format)) {
       done = false;
-    } else if (S_ISDIR(st.st_mode)) {
+    } else if (S_ISDIR(format)) {
       ok = transferTree(childSrc, childDest, o, scope) && ok;  // reports its own steps
       continue;
-    } else if (S_ISLNK(st.st_mode) && o.action == Action::COPY) {
-      done = copySymlinkAt(childSrc, childDest, st.st_size);
+    } else if (S_ISLNK(format) && o.action == Action::COPY) {
+      done = copySymlinkAt(childSrc, childDest);
     } else {
       done = applyAction(childSrc, childDest, o);
     }
@@ -283,12 +320,12 @@ bool removeContentsIn(At dir, const Pathname::predicate &pred, FileOperationScop
 
 bool removeTreeIn(At a, const Pathname::predicate &pred, FileOperationScope &scope) {
   Pathname::Decision d = pred(a.path);
-  struct stat st;
-  if (fstatat(a.dirFd, a.name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+  mode_t format;
+  if (!entryFormat(a, format)) {
     scope.fail(FAIL_REMOVE_FILE, a.path);
     return false;
   }
-  if (!S_ISDIR(st.st_mode)) {
+  if (!S_ISDIR(format)) {
     if (!d.take || unlinkat(a.dirFd, a.name, 0) == 0) return true;
     scope.fail(FAIL_REMOVE_FILE, a.path);
     return false;
@@ -315,7 +352,7 @@ bool removeContentsIn(At dir, const Pathname::predicate &pred, FileOperationScop
   bool ok = true;
   while (reader.next(name)) {
     Pathname child(dir.path, name);
-    ok = removeTreeIn({child, fd, name.c_str()}, pred, scope) && ok;
+    ok = removeTreeIn({child, fd, name.c_str(), reader.lastType()}, pred, scope) && ok;
   }
   if (errno != 0) {
     scope.fail(FAIL_REMOVE_DIR, dir.path);
@@ -333,10 +370,11 @@ bool removeBySuffixIn(At dir, StrSegment suffix, FileOperationScope &scope) {
   bool ok = true;
   while (reader.next(name)) {
     Pathname child(dir.path, name);
-    struct stat st;
-    if (fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;  // gone meanwhile
-    if (S_ISDIR(st.st_mode)) {
-      ok = removeBySuffixIn({child, fd, name.c_str()}, suffix, scope) && ok;
+    At entry{child, fd, name.c_str(), reader.lastType()};
+    mode_t format;
+    if (!entryFormat(entry, format)) continue;  // gone meanwhile
+    if (S_ISDIR(format)) {
+      ok = removeBySuffixIn(entry, suffix, scope) && ok;
     } else if (name.endsWith(suffix) && unlinkat(fd, name.c_str(), 0) != 0) {
       scope.fail(FAIL_REMOVE_BY_SUFFIX, child);
       ok = false;
