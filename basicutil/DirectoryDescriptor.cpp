@@ -127,10 +127,12 @@ bool DirectoryReader::nextRaw(Str &name, struct dirent **entp) {
     }
     if (!entryCounts(ent->d_name)) continue;
     if (!_keep_stored_names && hasHighByte(ent->d_name)) {
-      name.assign(ent->d_name);
-      resolveUnicodeCombiningMarks(name);
-      MV_ASSERT(name.size() <= strlen(_de._ent->d_name));
-      memcpy(_de._ent->d_name, name.c_str(), name.size() + 1);
+      Str &x = name;
+      DirectoryEntry &de = _de;
+      x.assign(ent->d_name);
+      resolveUnicodeCombiningMarks(x);
+      MV_ASSERT(x.size() <= strlen(de._ent->d_name));  // composing only ever shortens
+      memcpy(de._ent->d_name, x.c_str(), x.size() + 1);
     } else {
       name.assign(ent->d_name);
     }

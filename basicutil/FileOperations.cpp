@@ -520,8 +520,9 @@ FileReadResult readWholeFile(const Pathname &path, uint64_t maximum_size) {
 bool Pathname::getSize(uint64_t &size) const {
   struct stat st;
   if (!statOk(*this, st)) return false;
-  MV_ASSERT(st.st_size >= 0);
-  size = static_cast<uint64_t>(st.st_size);
+  const off_t *sizep = &st.st_size;
+  MV_ASSERT(*sizep >= 0);
+  size = static_cast<uint64_t>(*sizep);
   return true;
 }
 

@@ -64,9 +64,10 @@ Pathname Pathname::toLeaf() const {
   size_t last = find_last_not_of('/');
   if (last == npos) return Pathname("/");
   size_t slash = rfind('/', last);
-  size_t start = slash == npos ? 0 : slash + 1;
-  MV_ASSERT(start <= last);
-  return Pathname(StrSegment(data() + start, last + 1 - start));
+  const char *x = data() + (slash == npos ? 0 : slash + 1);
+  const char *p = data() + last + 1;
+  MV_ASSERT(x < p);
+  return Pathname(StrSegment(x, static_cast<size_t>(p - x)));
 }
 
 void Pathname::toParent() {
