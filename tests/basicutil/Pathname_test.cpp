@@ -1,0 +1,211 @@
+// Pathname's text operations: joining, parts, normalising, globs and command words.
+#include "basicutil/Pathname.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "basicutil/Regex.h"
+
+namespace {
+
+using morvek::Pathname;
+using morvek::Str;
+using morvek::StrSegment;
+using morvek::StrVector;
+
+TEST(PathnameJoin, ExactlyOneSeparator) {
+  struct Case {
+    const char *base, *component, *want;
+  } cases[] = {{"a", "b", "a/b"},      {"a/", "b", "a/b"},   {"a", "/b", "a/b"},
+               {"a", "", "a"},         {"", "b", "/b"},      {"a", "///", "a/"},
+               {"a//", "//b", "a//b"}, {"/", "x/y", "/x/y"}, {"", "", ""}};
+  for (const Case &c : cases) {
+    Pathname p(c.base);
+    p.appendComponent(c.component);
+    EXPECT_EQ(p, c.want) << c.base << " + " << c.component;
+    EXPECT_EQ(Pathname(StrSegment(c.base), StrSegment(c.component)), c.want);
+  }
+  Pathname self("ab");
+  self.appendComponent(self);  // a view of itself survives the separator's reallocation
+  EXPECT_EQ(self, "ab/ab");
+
+  struct Slash {
+    const char *in, *ensured, *stripped;
+  } slashes[] = {{"", "/", ""}, {"a", "a/", "a"}, {"a//", "a//", "a"}, {"///", "///", "/"}};
+  for (const Slash &s : slashes) {
+    Pathname e(s.in), t(s.in);
+    e.ensureTrailingSlash();
+    t.stripTrailingSlashes();
+    EXPECT_EQ(e, s.ensured) << s.in;
+    EXPECT_EQ(t, s.stripped) << s.in;
+  }
+}
+
+TEST(PathnameParts, LeafParentAndExtensions) {
+  struct Case {
+    const char *path, *leaf, *parent;
+  } cases[] = {{"/", "/", "/"},   {"a", "a", ""},         {"a//", "a", ""},
+               {"a/b", "b", "a"}, {"a//b/", "b", "a"},    {"/a", "a", "/"},
+               {"", "/", ""},     {"//a//b", "b", "//a"}, {"///", "/", "///"}};
+  for (const Case &c : cases) {
+    EXPECT_EQ(Pathname(c.path).toLeaf(), c.leaf) << c.path;
+    EXPECT_EQ(Pathname(c.path).parent(), c.parent) << c.path;
+  }
+
+  struct Ext {
+    const char *path;
+    unsigned n;
+    const char *ext;
+  } exts[] = {{"a.tar.gz", 1, "gz"},      {"a.tar.gz", 2, "tar.gz"}, {"a.tar.gz", 3, ""},
+              {".profile", 1, "profile"}, {"dir.d/file", 1, ""},     {"a.", 1, ""},
+              {"d.x/y.z", 2, ""}};
+  for (const Ext &e : exts) EXPECT_EQ(Pathname(e.path).ext(e.n), e.ext) << e.path << e.n;
+  EXPECT_DEATH(Pathname("a.b").ext(0), "nExts > 0");
+
+  struct Stem {
+    const char *path, *stem;
+  } stems[] = {{".profile", ".profile"},
+               {"a.b.c", "a.b"},
+               {"dir/", ""},
+               {"d.x/file", "file"},
+               {"/x/y.log", "y"}};
+  for (const Stem &s : stems) EXPECT_EQ(Pathname(s.path).stem(), s.stem) << s.path;
+
+  struct Strip {
+    const char *path;
+    unsigned n;
+    const char *want;
+  } strips[] = {{"a.b", 1, "a"},           {"a.b", 2, "a.b"},
+                {".hidden", 1, ".hidden"}, {"d.x/file", 1, "d.x/file"},
+                {"d/a.tar.gz", 2, "d/a"},  {"d/.a.b", 2, "d/.a.b"},
+                {"d/.a.b", 1, "d/.a"}};
+  for (const Strip &s : strips) {
+    EXPECT_EQ(Pathname(s.path).stripExt(s.n), s.want) << s.path << " " << s.n;
+  }
+  EXPECT_TRUE(Pathname("/x").isAbsolute());
+  EXPECT_FALSE(Pathname("").isAbsolute() || Pathname("x/").isAbsolute());
+}
+
+TEST(PathnameNormalize, TextOnly) {
+  struct Case {
+    const char *in, *want;
+    bool ok;
+  } cases[] = {{"a/./b/../c", "a/c", true},
+               {"../a", "a", false},
+               {"/../a", "/a", false},
+               {"/", "/", true},
+               {"a/b/", "a/b/", true},
+               {"", "", true},
+               {"//a//b", "/a/b", true},
+               {"a/..", "", true},
+               {"a/../", "", true},
+               {"/a/../", "/", true},
+               {"./.", "", true},
+               {"a/b/../../..", "", false},
+               {"x/.../y", "x/.../y", true},
+               {"/a/b/c/../../d/", "/a/d/", true}};
+  for (const Case &c : cases) {
+    Pathname p(c.in);
+    EXPECT_EQ(p.normalize(), c.ok) << c.in;
+    EXPECT_EQ(p, c.want) << c.in;
+  }
+
+  struct DotDots {
+    const char *in, *want;
+  } dots[] = {{"../x", "x"},      {"a/../x", "a/x"},      {"a/..", "a"},
+              {"..", ""},         {"/..", "/"},           {"a/../../b", "a/b"},
+              {"a/...", "a/..."}, {"..a/b..", "..a/b.."}, {"x/../..", "x"}};
+  for (const DotDots &d : dots) {
+    Pathname p(d.in);
+    p.removeDotDots();
+    EXPECT_EQ(p, d.want) << d.in;
+  }
+  EXPECT_EQ(Pathname("a//b///c").collapsedSlashes(), "a/b/c");
+}
+
+// Lexical agreement with the standard library wherever both define the result.
+TEST(PathnameNormalize, AgreesWithLexicallyNormal) {
+  const char *paths[] = {"/usr/./lib/../bin/", "a/b/c/../../d", "/a//b/./c", "x/y/../z/.",
+                         "/a/b/.."};
+  for (const char *in : paths) {
+    Pathname p(in);
+    ASSERT_TRUE(p.normalize());
+    std::string want = std::filesystem::path(in).lexically_normal().string();
+    if (want.size() > 1 && want.back() == '/' && std::string(in).back() != '/') want.pop_back();
+    EXPECT_EQ(p, want) << in;
+  }
+}
+
+TEST(PathnameGlob, MatchesWithinAndAcrossComponents) {
+  Pathname unchanged("abc/def");
+  EXPECT_FALSE(unchanged.toGlobRegex());
+  EXPECT_EQ(unchanged, "abc/def");
+
+  Pathname g("/var/log/*.log");
+  ASSERT_TRUE(g.toGlobRegex());
+  EXPECT_EQ(g, "/var/log/[^/]*\\.log");
+  Pathname deep("/srv/.../x.gz");
+  ASSERT_TRUE(deep.toGlobRegex());
+  EXPECT_EQ(deep, "/srv/.*/x\\.gz");
+  morvek::Regex one("^" + g + "$"), any("^" + deep + "$");
+  EXPECT_TRUE(one.matches("/var/log/app.log"));
+  EXPECT_FALSE(one.matches("/var/log/sub/app.log"));
+  EXPECT_FALSE(one.matches("/var/log/appXlog"));
+  EXPECT_TRUE(any.matches("/srv/a/b/c/x.gz"));
+}
+
+TEST(PathnameWords, TakeSplitAndJoin) {
+  struct Case {
+    const char *in;
+    bool ok;
+    const char *word, *rest;
+  } cases[] = {{"a\\ b c", true, "a b", " c"},   {"  \"x y\"z", true, "x yz", ""},
+               {"'a\\b' c", true, "a\\b", " c"}, {"\"a\\\"b\"", true, "a\"b", ""},
+               {"\"\"", false, "", ""},          {"\"open", false, "", ""},
+               {"trail\\", false, "", ""},       {"\t\n ", false, "", ""},
+               {"a\tb", true, "a", "\tb"}};
+  for (const Case &c : cases) {
+    Str word;
+    StrSegment rest("unchanged");
+    EXPECT_EQ(Pathname::takeWord(c.in, word, rest), c.ok) << c.in;
+    if (c.ok) {
+      EXPECT_EQ(word, c.word) << c.in;
+      EXPECT_EQ(rest.view(), c.rest) << c.in;
+    }
+  }
+
+  StrVector words;
+  Pathname::splitWords(" cp 'my file' \"a\\\"b\" x\\ y", words);
+  EXPECT_EQ(words, (StrVector{"cp", "my file", "a\"b", "x y"}));
+
+  // Whatever joinWords writes, splitWords reads back.
+  StrVector odd{"plain",     "with space", "q\"uote",   "back\\slash", "it's",
+                "tab\there", "AND",        "new\nline", "$HOME"};
+  Str line("cmd");
+  Pathname::joinWords(odd, line);
+  StrVector back;
+  Pathname::splitWords(line, back);
+  ASSERT_EQ(back.size(), odd.size() + 1) << line;
+  EXPECT_EQ(back[0], "cmd");
+  for (size_t i = 0; i < odd.size(); ++i) EXPECT_EQ(back[i + 1], odd[i]);
+
+  Str list;
+  Pathname::appendWordList(list, {"a", "b c"});
+  EXPECT_EQ(list, "{a \"b c\"}");
+}
+
+TEST(PathnameSystem, CurrentDirectoryAndResolve) {
+  Pathname cwd;
+  ASSERT_TRUE(Pathname::getCurrentDirectory(cwd));
+  EXPECT_EQ(cwd, std::filesystem::current_path().string());
+  Pathname out("kept");
+  EXPECT_FALSE(Pathname("/no/such/dir/x").resolveTo(out));
+  EXPECT_EQ(out, "kept");
+  Pathname dots("/usr/../usr/./bin");
+  ASSERT_TRUE(dots.resolveInPlace());
+  EXPECT_EQ(dots, std::filesystem::canonical("/usr/bin").string());
+}
+
+}  // namespace
