@@ -29,6 +29,19 @@ bool equalsFolded(const char *p, const char *word, size_t n) {
   return true;
 }
 
+// Decimal accumulation that stops growing far above any value a field accepts.
+uint64_t accumulateDigit(uint64_t v, char c) {
+  return v < (uint64_t(1) << 40) ? v * 10 + static_cast<uint64_t>(c - '0') : v;
+}
+
+// Literals are a byte or two: a loop beats a call to memcmp.
+bool sameBytes(const char *a, const char *b, uint64_t n) {
+  for (uint64_t i = 0; i < n; ++i) {
+    if (a[i] != b[i]) return false;
+  }
+  return true;
+}
+
 const char *skipSpace(const char *p, const char *end) {
   while (p < end && isSpace(*p)) ++p;
   return p;
@@ -246,7 +259,11 @@ const char *parseNumeric(PR &r, const TimeFormatAtom *a, const TimeFormatAtom *n
     if (++q == end) return nullptr;
   }
   if (!isDigit(*q)) return nullptr;
-  while (q < end && isDigit(*q)) ++q;
+  // The value is read on the way, for the common case where width control keeps the whole run.
+  const char *run = q;
+  uint64_t run_value = 0;
+  for (; q < end && isDigit(*q); ++q) run_value = accumulateDigit(run_value, *q);
+  const char *run_end = q;
   if (a->what <= TF::TZ_AS_NEEDEDOFFSET) {
     const int pairs = a->what == TF::TZ_AS_COLONOFFSET ? 1 : 2;
     for (int i = 0; i < pairs; ++i) {
@@ -276,12 +293,14 @@ const char *parseNumeric(PR &r, const TimeFormatAtom *a, const TimeFormatAtom *n
     setFracsec(r, post_ws, q);
     return q;
   }
-  int64_t v = 0;
-  for (const char *d = post_ws; d < q; ++d) {
-    if (v > 429496729) return nullptr;
-    v = v * 10 + (*d - '0');
+  if (q != run_end || run != post_ws) {
+    run_value = 0;
+    for (const char *d = post_ws; d < q; ++d) run_value = accumulateDigit(run_value, *d);
   }
-  return storeNumber(r, a->what, v) ? q : nullptr;
+  // A value past 429496729 with another digit to come is refused: that is a final value of at
+  // least 4294967300, as the prefixes only grow.
+  if (run_value >= 4294967300ull) return nullptr;
+  return storeNumber(r, a->what, static_cast<int64_t>(run_value)) ? q : nullptr;
 }
 
 // "am", "P.M." and the Korean, Japanese and Chinese forms.
@@ -593,6 +612,11 @@ const char *rawParse(const TimeFormat &format, TimeFormatRawParseResult &r, cons
       if (post_ws == end) break;
     }
     const char *q;
+    if (a->what == TF::LITERAL && static_cast<uint64_t>(end - p) >= a->width &&
+        sameBytes(p, a->x.text, a->width)) {
+      p += a->width;
+      continue;
+    }
     if (isNumeric(a->what)) {
       q = parseNumeric(r, a, next, p, post_ws, end);
     } else if (a->what == TF::AMPM) {
