@@ -60,38 +60,46 @@ void store(PR &r, uint32_t bit, T &field, V value) {
   }
 }
 
-// Largest value a field of this kind can hold, used to split runs of digits; 0 for none.
+// How each decimal field (YEAR_NUM to SECOND_NUM) is split off a run of digits, checked and
+// stored: split_max is the largest value a run may keep (0: not limited), lo..hi the accepted
+// range, and minus what is taken off before storing (months and days of the year from 0).
+struct FieldRule {
+  uint64_t split_max;
+  int64_t lo, hi;
+  uint32_t bit;
+  int32_t PR::*field;
+  int64_t minus;
+};
+const FieldRule field_rules[TF::SECOND_NUM - TF::YEAR_NUM + 1] = {
+    {0, 1971, 2999, PR::HAVE_YEAR, &PR::year, 0},        // YEAR_NUM
+    {0, 19, 29, PR::HAVE_CENTURY, &PR::century, 0},      // CENTURY_NUM
+    {99, 0, 99, PR::HAVE_YEAR2, &PR::year2, 0},          // YEAR2_NUM
+    {0, 1971, 2999, PR::HAVE_ISOYEAR, &PR::isoyear, 0},  // ISOYEAR_NUM
+    {99, 0, 99, PR::HAVE_ISOYEAR2, &PR::isoyear2, 0},    // ISOYEAR2_NUM
+    {0, 0, 0, 0, nullptr, 0},                            // YEAR_EITHER_NUM: as one of the years
+    {12, 1, 12, PR::HAVE_MONTH, &PR::month, 1},          // MONTH_NUM
+    {53, 0, 53, PR::HAVE_WEEK_SUN, &PR::week_sun, 0},    // WEEK_SUN_NUM
+    {53, 0, 53, PR::HAVE_WEEK_MON, &PR::week_mon, 0},    // WEEK_MON_NUM
+    {53, 1, 53, PR::HAVE_WEEK_ISO, &PR::week_iso, 0},    // WEEK_ISO_NUM
+    {5, 1, 5, PR::HAVE_MONTHWEEK, &PR::monthweek, 0},    // MONTHWEEK_NUM
+    {31, 1, 31, PR::HAVE_MONTHDAY, &PR::monthday, 0},    // MONTHDAY_NUM
+    {366, 1, 366, PR::HAVE_YEARDAY, &PR::yearday, 1},    // YEARDAY_NUM
+    {6, 0, 6, PR::HAVE_WEEKDAY, &PR::weekday, 0},        // WEEKDAY0_NUM
+    {7, 1, 7, PR::HAVE_WEEKDAY, &PR::weekday, 1},        // WEEKDAY1_NUM
+    {23, 0, 24, PR::HAVE_HOUR24, &PR::hour, 0},          // HOUR24_NUM: 24:00:00 only
+    {12, 1, 12, PR::HAVE_HOUR12, &PR::hour12, 0},        // HOUR12_NUM: 12 is stored as 0
+    {59, 0, 59, PR::HAVE_MINUTE, &PR::minute, 0},        // MINUTE_NUM
+    {60, 0, 60, PR::HAVE_SECOND, &PR::second, 0},        // SECOND_NUM: leap seconds too
+};
+
+const FieldRule &fieldRule(uint32_t what) {
+  MV_ASSERT(what >= TF::YEAR_NUM && what <= TF::SECOND_NUM);
+  return field_rules[what - TF::YEAR_NUM];
+}
+
+// Largest value a run of digits may keep for this field, 0 for no limit.
 uint64_t fieldMaximum(uint32_t what) {
-  switch (what) {
-    case TF::YEAR2_NUM:
-    case TF::ISOYEAR2_NUM:
-      return 99;
-    case TF::MONTH_NUM:
-    case TF::HOUR12_NUM:
-      return 12;
-    case TF::WEEK_SUN_NUM:
-    case TF::WEEK_MON_NUM:
-    case TF::WEEK_ISO_NUM:
-      return 53;
-    case TF::MONTHWEEK_NUM:
-      return 5;
-    case TF::MONTHDAY_NUM:
-      return 31;
-    case TF::YEARDAY_NUM:
-      return 366;
-    case TF::WEEKDAY0_NUM:
-      return 6;
-    case TF::WEEKDAY1_NUM:
-      return 7;
-    case TF::HOUR24_NUM:
-      return 23;
-    case TF::MINUTE_NUM:
-      return 59;
-    case TF::SECOND_NUM:
-      return 60;
-    default:
-      return 0;
-  }
+  return what >= TF::YEAR_NUM && what <= TF::SECOND_NUM ? fieldRule(what).split_max : 0;
 }
 
 // Value of a digit run, saturating far above any field maximum.
@@ -151,81 +159,12 @@ const char *controlWidth(const TimeFormatAtom *a, const TimeFormatAtom *next, co
 // Range check and store of one decimal field.
 bool storeNumber(PR &r, uint32_t what, int64_t v) {
   if (what == TF::YEAR_EITHER_NUM) what = v < 100 ? TF::YEAR2_NUM : TF::YEAR_NUM;
-  switch (what) {
-    case TF::YEAR_NUM:
-      if (v < 1971 || v > 2999) return false;
-      store(r, PR::HAVE_YEAR, r.year, v);
-      return true;
-    case TF::ISOYEAR_NUM:
-      if (v < 1971 || v > 2999) return false;
-      store(r, PR::HAVE_ISOYEAR, r.isoyear, v);
-      return true;
-    case TF::CENTURY_NUM:
-      if (v < 19 || v > 29) return false;
-      store(r, PR::HAVE_CENTURY, r.century, v);
-      return true;
-    case TF::YEAR2_NUM:
-      if (v > 99) return false;
-      store(r, PR::HAVE_YEAR2, r.year2, v);
-      return true;
-    case TF::ISOYEAR2_NUM:
-      if (v > 99) return false;
-      store(r, PR::HAVE_ISOYEAR2, r.isoyear2, v);
-      return true;
-    case TF::MONTH_NUM:
-      if (v < 1 || v > 12) return false;
-      store(r, PR::HAVE_MONTH, r.month, v - 1);
-      return true;
-    case TF::WEEK_SUN_NUM:
-      if (v > 53) return false;
-      store(r, PR::HAVE_WEEK_SUN, r.week_sun, v);
-      return true;
-    case TF::WEEK_MON_NUM:
-      if (v > 53) return false;
-      store(r, PR::HAVE_WEEK_MON, r.week_mon, v);
-      return true;
-    case TF::WEEK_ISO_NUM:
-      if (v < 1 || v > 53) return false;
-      store(r, PR::HAVE_WEEK_ISO, r.week_iso, v);
-      return true;
-    case TF::MONTHWEEK_NUM:
-      if (v < 1 || v > 5) return false;
-      store(r, PR::HAVE_MONTHWEEK, r.monthweek, v);
-      return true;
-    case TF::MONTHDAY_NUM:
-      if (v < 1 || v > 31) return false;
-      store(r, PR::HAVE_MONTHDAY, r.monthday, v);
-      return true;
-    case TF::YEARDAY_NUM:
-      if (v < 1 || v > 366) return false;
-      store(r, PR::HAVE_YEARDAY, r.yearday, v - 1);
-      return true;
-    case TF::WEEKDAY0_NUM:
-      if (v > 6) return false;
-      store(r, PR::HAVE_WEEKDAY, r.weekday, v);
-      return true;
-    case TF::WEEKDAY1_NUM:
-      if (v < 1 || v > 7) return false;
-      store(r, PR::HAVE_WEEKDAY, r.weekday, v - 1);
-      return true;
-    case TF::HOUR24_NUM:
-      if (v > 24) return false;
-      store(r, PR::HAVE_HOUR24, r.hour, v);
-      return true;
-    case TF::HOUR12_NUM:
-      if (v == 0 || v > 12) return false;
-      store(r, PR::HAVE_HOUR12, r.hour12, v == 12 ? 0 : v);
-      return true;
-    case TF::MINUTE_NUM:
-      if (v > 59) return false;
-      store(r, PR::HAVE_MINUTE, r.minute, v);
-      return true;
-    default:
-      MV_ASSERT(what == TF::SECOND_NUM);
-      if (v > 60) return false;
-      store(r, PR::HAVE_SECOND, r.second, v);
-      return true;
-  }
+  MV_ASSERT(what <= TF::SECOND_NUM);
+  const FieldRule &rule = fieldRule(what);
+  if (v < rule.lo || v > rule.hi) return false;
+  if (what == TF::HOUR12_NUM && v == 12) v = 0;
+  store(r, rule.bit, r.*rule.field, v - rule.minus);
+  return true;
 }
 
 void storeEpoch(PR &r, const char *tok, const char *tok_end) {
