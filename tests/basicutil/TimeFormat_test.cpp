@@ -41,10 +41,17 @@ std::string compile(const char *text, bool parse_mode = false) {
   return ok ? describe(f) : "REFUSED";
 }
 
+struct AtomsCase {
+  const char *format, *atoms;
+};
+
+template <size_t N>
+void expectAtoms(const AtomsCase (&cases)[N]) {
+  for (const AtomsCase &c : cases) EXPECT_EQ(compile(c.format), c.atoms) << c.format;
+}
+
 TEST(TimeFormatCompile, EachConversionGivesItsAtom) {
-  struct Case {
-    const char *format, *atoms;
-  } cases[] = {
+  const AtomsCase cases[] = {
       // clang-format off
       {"%Y", "Y40"}, {"%o", "Y40"}, {"%C", "C20"}, {"%y", "y20"}, {"%G", "G40"}, {"%g", "g20"},
       {"%m", "m20"}, {"%U", "U20"}, {"%W", "W20"}, {"%V", "V20"}, {"%d", "d20"}, {"%e", "d2s"},
@@ -65,7 +72,7 @@ TEST(TimeFormatCompile, EachConversionGivesItsAtom) {
       {"%#x", "A0s ', ' B0s ' ' d2- ', ' Y4-"},
       // clang-format on
   };
-  for (const Case &c : cases) EXPECT_EQ(compile(c.format), c.atoms) << c.format;
+  expectAtoms(cases);
   // Compiled for reading, the year of %x may have two or four digits.
   EXPECT_EQ(compile("%x", true), "m20 '/' d20 '/' either20");
   EXPECT_EQ(compile("%#x", true), "A0s ', ' B0s ' ' d2- ', ' either2-");
@@ -73,9 +80,7 @@ TEST(TimeFormatCompile, EachConversionGivesItsAtom) {
 }
 
 TEST(TimeFormatCompile, FlagsWidthsAndModifiers) {
-  struct Case {
-    const char *format, *atoms;
-  } cases[] = {
+  const AtomsCase cases[] = {
       // clang-format off
       {"%_d", "d2s"}, {"%-d", "d2-"}, {"%#d", "d2-#"}, {"%#H", "H2-#"}, {"%#j", "j3-#"},
       {"%#_d", "d2s#"}, {"%#e", "d2s#"}, {"%#C", "C20#"}, {"%05d", "d50"}, {"%10Y", "Y100"},
@@ -87,13 +92,11 @@ TEST(TimeFormatCompile, FlagsWidthsAndModifiers) {
       {"%Ec", "a3s ' ' b3s ' ' d2s ' ' H20 ':' M20 ':' S20 ' ' Y20"},
       // clang-format on
   };
-  for (const Case &c : cases) EXPECT_EQ(compile(c.format), c.atoms) << c.format;
+  expectAtoms(cases);
 }
 
 TEST(TimeFormatCompile, LiteralTextMergesIntoRuns) {
-  struct Case {
-    const char *format, *atoms;
-  } cases[] = {
+  const AtomsCase cases[] = {
       {"", ""},
       {"at noon", "'at noon'"},
       {"100%% sure%n", "'100% sure' ws'\n'"},
@@ -102,13 +105,11 @@ TEST(TimeFormatCompile, LiteralTextMergesIntoRuns) {
       {"%T.%Q", "H20 ':' M20 ':' S20 '.' sub30"},
       {"a%tb", "'a' ws'\t' 'b'"},
   };
-  for (const Case &c : cases) EXPECT_EQ(compile(c.format), c.atoms) << c.format;
+  expectAtoms(cases);
 }
 
 TEST(TimeFormatCompile, MillisecondsOrTwelveHourClock) {
-  struct Case {
-    const char *format, *atoms;
-  } cases[] = {
+  const AtomsCase cases[] = {
       {"%s.%l", "epoch00 '.' sub30"},
       {"%s%l", "epoch00 sub30"},
       {"%S,%l", "S20 ',' sub30"},
@@ -123,7 +124,7 @@ TEST(TimeFormatCompile, MillisecondsOrTwelveHourClock) {
       {"%S.%_l", "S20 '.' I2s"},
       {"%S.%-l", "S20 '.' I2-"},
   };
-  for (const Case &c : cases) EXPECT_EQ(compile(c.format), c.atoms) << c.format;
+  expectAtoms(cases);
 }
 
 TEST(TimeFormatCompile, RefusesWhatItCannotHonour) {
