@@ -18,15 +18,16 @@ uint64_t nanosecondsSince(const MonotonicTime &a, const MonotonicTime &b) {
 
 }  // namespace
 
+// Idle for at least a whole window: with nothing busy yet, every start that far back gives the
+// same value, so the clock isn't read. Every thread's scratch makes one, and the first reading
+// of the monotonic clock is what fixes which clock the process uses.
 DutyCycleEstimate::DutyCycleEstimate(uint64_t window_ns)
     : _estimate(0.0),
       _busy(false),
       _claimed(false),
       _window(window_ns),
-      _last_update(now()),
-      _inverse_window(1.0 / static_cast<double>(window_ns)) {
-  _last_update.subtractNanoseconds(_window);
-}
+      _last_update(MonotonicTime::lowest()),
+      _inverse_window(1.0 / static_cast<double>(window_ns)) {}
 
 DutyCycleEstimate::~DutyCycleEstimate() { MV_ASSERT(!_claimed); }
 
@@ -49,13 +50,11 @@ DutyCycleEstimate &DutyCycleEstimate::perThread() {
 }
 
 void DutyCycleEstimate::resetDutyCycle() {
-  MonotonicTime start = now();
-  start.subtractNanoseconds(_window);
   ScopedMutexLock lock(_lock);
   _estimate = 0.0;
   _busy = false;
   _claimed = false;
-  _last_update = start;
+  _last_update = MonotonicTime::lowest();
 }
 
 double DutyCycleEstimate::estimateAtLocked(const MonotonicTime &t) const {
