@@ -1,6 +1,5 @@
-// The cost of reaching into another thread: one actor round trip (signal sent to actor
-// finished) to a thread idle in a condition wait, and to one spinning; and the cost of marking
-// a stretch of work with a duty-cycle claim scope.
+// The cost of reaching into another thread, one actor round trip (signal sent to actor
+// finished), and of marking a stretch of work with a duty-cycle claim scope.
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -17,17 +16,13 @@ struct NopActor : Thread::InSignalContextActor {
   void act(int, siginfo_t *, void *) override { runs.fetch_add(1, std::memory_order_relaxed); }
 };
 
-void roundTrip(benchmark::State &state, bool spinning_target) {
+// The target waits on a condition, as an idle worker does: each round trip wakes it.
+void BM_ActorRoundTrip(benchmark::State &state) {
   std::atomic<bool> stop{false};
   PthreadMutex mutex;
   PthreadCondition cond;
   ThreadFunction target(
       [&] {
-        if (spinning_target) {
-          while (!stop.load(std::memory_order_relaxed)) {
-          }
-          return;
-        }
         ScopedMutexLock lock(mutex);
         while (!stop.load()) cond.wait(mutex);
       },
@@ -46,11 +41,7 @@ void roundTrip(benchmark::State &state, bool spinning_target) {
   state.counters["runs"] = static_cast<double>(actor.runs.load());
 }
 
-void BM_ActorRoundTrip(benchmark::State &state) { roundTrip(state, false); }
 BENCHMARK(BM_ActorRoundTrip)->Name("Actor/roundtrip/Ours")->UseRealTime();
-
-void BM_ActorRoundTripSpinning(benchmark::State &state) { roundTrip(state, true); }
-BENCHMARK(BM_ActorRoundTripSpinning)->Name("Actor/roundtrip_spinning_target/Ours")->UseRealTime();
 
 void BM_ClaimScope(benchmark::State &state) {
   for (auto _ : state) {
