@@ -177,6 +177,8 @@ TEST(ThreadIteration, WhoIsSeen) {
   }
   EXPECT_THROW(Thread::findThread(nullptr), std::bad_function_call);
   stop = true;
+  running.join();  // before the objects go: a destructor racing the body's virtual call
+  excluded.join();
 }
 
 // Walks while another thread keeps starting and joining threads: a thread is seen at most once a
@@ -213,6 +215,7 @@ TEST(ThreadIteration, WalksWhileThreadsComeAndGo) {
   }
   churner.join();
   stop_steady = true;
+  steady.join();
   EXPECT_EQ(bad, 0);
 }
 
