@@ -99,30 +99,32 @@ TEST_F(DutyCycle, NestedScopesChangeNothing) {
   EXPECT_EQ(read(), 0.0);  // and the outer claim still holds
 }
 
-// Read from another thread while the owner sits in a busy scope: this is what other threads do.
+// Read from another thread while the owner sits in a busy scope, and after it left it.
 TEST_F(ThreadDutyCycle, ReadFromOutside) {
   std::atomic<int> phase{0};
+  auto await = [&](int n) {
+    while (phase.load() != n) sched_yield();
+  };
   ThreadFunction worker(
       [&] {
-        DutyCycleEstimate::perThread().resetDutyCycle();
         {
           ScopedDutyCycleClaimThread busy(true);
           phase = 1;
-          while (phase.load() != 2) sched_yield();
+          await(2);
         }
         phase = 3;
-        while (phase.load() != 4) sched_yield();
+        await(4);
       },
       "duty-worker");
   double out = -1;
   worker.go();
-  while (phase.load() != 1) sched_yield();
+  await(1);
   advance(7.5);
   EXPECT_TRUE(worker.getDutyCycle(out));
   EXPECT_NEAR(out, 0.5, 1e-9);
-  phase = 2;
-  while (phase.load() != 3) sched_yield();
   out = -1;
+  phase = 2;
+  await(3);
   EXPECT_FALSE(worker.getDutyCycle(out));
   EXPECT_EQ(out, -1);
   phase = 4;
