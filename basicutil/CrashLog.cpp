@@ -456,6 +456,13 @@ void appendQuotedSymbolInformation(Str &out, const void *address) {
   sw.finish();
 }
 
+void appendCrashLogRendering(Str &out, const std::function<void(CrashLogWriter &)> &render) {
+  StrWriter sw(out);
+  CrashLogWriter w(&sw.base);
+  render(w);
+  sw.finish();
+}
+
 void appendBacktraceSymbols(Str &out, void *const *addrs, int count, char separator) {
   StrWriter sw(out);
   for (int i = 2; i < count; ++i) {

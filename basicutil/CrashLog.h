@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <functional>
 
 #include "basicutil/Str.h"
 #include "libzero/create-crash-dump.h"
@@ -151,6 +152,8 @@ void crashLogPremainThreadAfterFork();
 void appendSymbolInformation(Str &out, const void *address);
 // "[0x%016llX]  \"", the rendering, "\"".
 void appendQuotedSymbolInformation(Str &out, const void *address);
+// What render writes, appended to out; std::bad_alloc is raised once rendering ends.
+void appendCrashLogRendering(Str &out, const std::function<void(CrashLogWriter &)> &render);
 // The renderings of addrs from the third on, each followed by separator.
 void appendBacktraceSymbols(Str &out, void *const *addrs, int count, char separator);
 

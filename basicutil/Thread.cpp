@@ -57,6 +57,13 @@ FatalThreadError fatal_thread_error;
 
 bool single_thread_flag = false;
 
+std::atomic<Thread *> main_thread_object{nullptr};
+
+// Actors handed over and not yet finished; the top bit closes the door for good once MainThread
+// is going away.
+std::atomic<uint64_t> _signal_actors_in_flight{0};
+constexpr uint64_t SIGNAL_ACTORS_CLOSED = uint64_t{1} << 63;
+
 void copyTruncated(char *dst, size_t cap, const char *src) {
   size_t n = strlen(src);
   if (n >= cap) n = cap - 1;
@@ -314,7 +321,9 @@ bool ScopedSingleThreadFlag::isSet() { return single_thread_flag; }
 // Scratch
 
 per_thread_state::per_thread_state()
-    : _u{{nullptr, nullptr}}, _random_state{0, 0}, _duty_cycle(15000000000ull) {}
+    : _u{{nullptr, nullptr}},
+      _random_state{0, 0},
+      _duty_cycle(DutyCycleEstimate::DEFAULT_WINDOW_NS) {}
 
 per_thread_state::~per_thread_state() { MV_ASSERT(_u.s.waitingOn == nullptr); }
 
@@ -395,6 +404,8 @@ void Thread::initialize(size_t stack_size, int policy, int priority, const char 
   _thread_notation = {};
   _inSignalContextActor.store(nullptr);
   _signal_context_busy.store(false);
+  _signal_context_closed.store(false);
+  _signal_context_ran.store(false);
   _scratchp.store(nullptr);
   _sched_priority = priority;
   _sched_policy = policy;
@@ -479,6 +490,7 @@ void *Thread::callMain(void *arg) {
     instance->_callMainAndDiscardTerminateException();
     if (instance->_in_global_thread_list) instance->_remove_from_global_thread_list();
   }
+  instance->closeSignalContext();
   MV_ASSERT(instance->_scratchp.load() == &scratch);
   instance->_scratchp.store(nullptr);
   return nullptr;
@@ -649,9 +661,7 @@ void Thread::reinitializeAfterFork() {
     activeThreads->_token = _main_thread_token;
   }
   crashLogPremainThreadAfterFork();
-  if (per_thread_state *scratch = perThreadScratch()) {
-    scratch->_duty_cycle = DutyCycleEstimate(scratch->_duty_cycle._window_ns);
-  }
+  if (per_thread_state *scratch = perThreadScratch()) scratch->_duty_cycle.resetDutyCycle();
 }
 
 per_thread_state *Thread::perThreadScratch() {
@@ -724,6 +734,133 @@ void forEachListedThread(const std::function<void(Thread &)> &fn) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Walking the running threads
+
+Thread *Thread::firstRunning(const std::function<bool(Thread &)> &predicate, bool started) {
+  ScopedMutexLock lock(_global_thread_lock);
+  for (Thread *thr = GLOBAL_THREAD_LIST_ROOT; thr != nullptr; thr = thr->_global_thread_list_next) {
+    if (thr->_did_join.load() != DID_NOT_JOIN) continue;
+    if (started) MV_ASSERT(thr->_ready_to_run.load());
+    if (predicate(*thr)) return thr;
+  }
+  return nullptr;
+}
+
+void Thread::iterateEachRunning(iterate_running_threads_callback &callback) {
+  firstRunning(
+      [&](Thread &thr) {
+        callback.visit(thr);
+        return false;
+      },
+      true);
+}
+
+Thread *Thread::getThreadObject(StrSegment name) {
+  return firstRunning([&](Thread &thr) { return thr._name.segment() == name; }, true);
+}
+
+Thread *Thread::findThread(const std::function<bool(Thread &)> &predicate) {
+  if (!predicate) throw std::bad_function_call();
+  return firstRunning(predicate, false);
+}
+
+Thread *Thread::getMainThread() { return main_thread_object.load(); }
+
+// ---------------------------------------------------------------------------------------------
+// Signal-context actors
+//
+// A caller parks the actor in the target's _inSignalContextActor and sends SIGUSR1; whoever
+// takes the actor out of that slot first owns the rest: the handler runs it, the caller (on a
+// failed send) or the leaving thread (closeSignalContext) refuses it. Either way the owner
+// clears _signal_context_busy, which the caller spins on.
+
+void Thread::signalContextHandler(int signo, siginfo_t *info, void *ucontext) {
+  int saved_errno = errno;
+  Thread *self = activeThreads;
+  if (self != nullptr) {
+    void *actor = self->_inSignalContextActor.exchange(nullptr);
+    if (actor != nullptr) {
+      static_cast<InSignalContextActor *>(actor)->act(signo, info, ucontext);
+      self->_signal_context_ran.store(true);
+      _signal_actors_in_flight.fetch_sub(1);
+      self->_signal_context_busy.store(false);
+    }
+  }
+  errno = saved_errno;
+}
+
+void Thread::installSignalContextHandler() {
+  struct sigaction sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sa_sigaction = &Thread::signalContextHandler;
+  sa.sa_flags = SA_SIGINFO | SA_RESTART;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGUSR1, &sa, nullptr);
+}
+
+void Thread::closeSignalActors() {
+  // Closes only when nothing is in flight; there is no waiting for actors.
+  uint64_t expected = 0;
+  while (_signal_actors_in_flight.compare_exchange_strong(expected, SIGNAL_ACTORS_CLOSED)) {
+    expected = 0;
+  }
+  struct sigaction sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sa_handler = SIG_DFL;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGUSR1, &sa, nullptr);
+}
+
+bool Thread::takeBackSignalActor() {
+  if (_inSignalContextActor.exchange(nullptr) == nullptr) return false;
+  _signal_actors_in_flight.fetch_sub(1);
+  _signal_context_busy.store(false);
+  return true;
+}
+
+// Runs on the thread itself once its body is over: a signal sent later might find the thread
+// with signals blocked on its way out and never be handled, leaving the caller spinning.
+void Thread::closeSignalContext() {
+  _signal_context_closed.store(true);
+  takeBackSignalActor();
+}
+
+bool Thread::runInUnixSignalContext(InSignalContextActor *actor) {
+  MV_ASSERT(actor != nullptr);
+  MV_ASSERT(!isCurrent());
+  ScopedMutexLock lock(_signal_context_lock);
+  if ((_signal_actors_in_flight.fetch_add(1) + 1) & SIGNAL_ACTORS_CLOSED) return false;
+  if (_signal_context_closed.load()) {
+    _signal_actors_in_flight.fetch_sub(1);
+    return false;
+  }
+  bool wasBusy = _signal_context_busy.exchange(true);
+  MV_ASSERT(!wasBusy);
+  _signal_context_ran.store(false);
+  void *prevActor = _inSignalContextActor.exchange(actor);
+  MV_ASSERT(prevActor == nullptr);
+  // Checked again after parking the actor: a thread closing in between has either taken the
+  // actor back already, or will find it is ours to take.
+  bool sent = !_signal_context_closed.load() && pthread_kill(_token, SIGUSR1) == 0;
+  if (!sent && takeBackSignalActor()) return false;
+  for (uint32_t spins = 1; _signal_context_busy.exchange(true); ++spins) {
+    if (spins % 1024 != 0) continue;
+    // A signal that reached the thread before it knew its Thread object was dropped by the
+    // handler; send again while the actor still waits, unless the thread is leaving.
+    if (_inSignalContextActor.load() != nullptr) {
+      if (_signal_context_closed.load() || pthread_kill(_token, SIGUSR1) != 0) {
+        if (takeBackSignalActor()) return false;
+      }
+    }
+    sched_yield();
+  }
+  MV_ASSERT(_inSignalContextActor.load(std::memory_order_relaxed) == nullptr);
+  bool ran = _signal_context_ran.load();
+  _signal_context_busy.store(false);
+  return ran;
+}
+
+// ---------------------------------------------------------------------------------------------
 // MainThread
 
 Thread::Thread(MainThreadTag)
@@ -740,6 +877,8 @@ Thread::Thread(MainThreadTag)
       _thread_notation{},
       _inSignalContextActor(nullptr),
       _signal_context_busy(false),
+      _signal_context_closed(false),
+      _signal_context_ran(false),
       _scratchp(nullptr),
       _sched_priority(0),
       _sched_policy(SCHED_OTHER) {}
@@ -764,9 +903,13 @@ MainThread::MainThread() : Thread(MainThreadTag{}) {
   _scratchp.store(&*_main_scratch);
   MV_ASSERT(activeThreads == nullptr);
   activeThreads = this;
+  main_thread_object.store(this);
+  installSignalContextHandler();
 }
 
 MainThread::~MainThread() {
+  closeSignalActors();
+  main_thread_object.store(nullptr);
   // From here on the order of static destruction is nobody's: pthread failures are ignored.
   _threading_alive.store(false);
   MV_ASSERT(activeThreads == this);

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 
 #include <atomic>
 #include <cstdarg>
@@ -170,12 +171,48 @@ class ScopedSingleThreadFlag {
   bool _saved;
 };
 
-// Busy-time estimate of a thread over a sliding window.
-struct DutyCycleEstimate {
-  explicit DutyCycleEstimate(uint64_t window_ns) : _window_ns(window_ns) {}
-  uint64_t _window_ns;
-  uint64_t _busy_ns = 0;
-  uint64_t _window_start_ns = 0;
+// What fraction of the recent past a thread was busy, from 0 to 1, over a moving window. Every
+// thread's scratch holds one; the scopes that drive it and the worked examples are in
+// DutyCycle.h. All fields are under _lock, so any thread may read an estimate.
+class DutyCycleEstimate {
+ public:
+  static constexpr uint64_t DEFAULT_WINDOW_NS = 15000000000ull;
+  // Where the estimates read the present; tests install one they control.
+  using Clock = MonotonicTime (*)();
+
+  // Starts as though idle for a whole window.
+  explicit DutyCycleEstimate(uint64_t window_ns = DEFAULT_WINDOW_NS);
+  ~DutyCycleEstimate();
+  DutyCycleEstimate(const DutyCycleEstimate &) = delete;
+  DutyCycleEstimate &operator=(const DutyCycleEstimate &) = delete;
+
+  // The calling thread's estimate; a thread with no Thread object shares one static estimate,
+  // which is only allowed while the process has a single thread.
+  static DutyCycleEstimate &perThread();
+  // Back to the constructor's state (a forked child starts afresh).
+  void resetDutyCycle();
+  // The value for the present, whether or not a scope holds the estimate.
+  double estimateNow();
+  bool isClaimed();
+
+  // A null clock restores the monotonic clock.
+  static void setClock(Clock clock);
+  static MonotonicTime now();
+
+ private:
+  friend class ScopedDutyCycleClaimThread;
+  friend class Thread;
+  double estimateAtLocked(const MonotonicTime &now) const;
+  // Folds the time up to t into _estimate, then counts on as busy or idle.
+  void setBusyAtLocked(const MonotonicTime &t, bool busy);
+
+  double _estimate;
+  bool _busy;
+  bool _claimed;
+  uint64_t _window;
+  MonotonicTime _last_update;
+  double _inverse_window;
+  PthreadMutex _lock;
 };
 
 // The per-thread scratch: on the thread's own stack for the life of its body.
@@ -214,6 +251,23 @@ class Thread {
     virtual ~PerThreadObject() = default;
   };
   using PerThreadInitializer = std::function<std::unique_ptr<PerThreadObject>()>;
+
+  // Called for each running thread under the global thread lock: it must not block, nor
+  // create, start, join or destroy a thread.
+  class iterate_running_threads_callback {
+   public:
+    virtual ~iterate_running_threads_callback() = default;
+    virtual void visit(Thread &thr) = 0;
+  };
+
+  // Code that another thread makes this one run inside its SIGUSR1 handler, on its own stack.
+  // It gets what the handler got and must be async-signal-safe: no allocation, no locks, no
+  // logging. It belongs to the caller of runInUnixSignalContext.
+  class InSignalContextActor {
+   public:
+    virtual ~InSignalContextActor() = default;
+    virtual void act(int signo, siginfo_t *info, void *ucontext) = 0;
+  };
 
   // Each constructor starts the OS thread at once; the body waits for go(). Blanks are removed
   // from the formatted name.
@@ -261,6 +315,42 @@ class Thread {
   static void schedPolicyToName(Str &out, int policy);
   static bool schedPolicyFromName(const char *bytes, size_t length, int &policy);
 
+  // Walkers of the running threads: those listed (told to go, not excluded) and not yet joined
+  // or being joined. A thread appears once its body is about to start and is gone once a join
+  // began. The global lock is held for the whole walk.
+  static void iterateEachRunning(iterate_running_threads_callback &callback);
+  template <typename F>
+  static void iterateEachRunningWith(F &&f) {
+    struct Adapter : iterate_running_threads_callback {
+      explicit Adapter(F &fn) : _fn(fn) {}
+      void visit(Thread &thr) override { _fn(thr); }
+      F &_fn;
+    } adapter(f);
+    iterateEachRunning(adapter);
+  }
+  // The first running thread named exactly name, or null. Names hold no blanks, so a name with
+  // one never matches. The pointer is a hint: nothing keeps the thread alive after the call.
+  static Thread *getThreadObject(StrSegment name);
+  // The first running thread the predicate accepts, or null; an empty predicate raises
+  // std::bad_function_call. The same hint as above.
+  static Thread *findThread(const std::function<bool(Thread &)> &predicate);
+  // The MainThread object while it exists, else null.
+  static Thread *getMainThread();
+
+  // Makes this thread run actor->act in signal context and waits, spinning, until it finished.
+  // True when the actor ran; false when it could not be delivered: the thread has ended its
+  // body (or is leaving without one), or MainThread is gone. Callers are serialised per target.
+  // Never aimed at the calling thread; the target must not be joined while this runs. The
+  // target must not block SIGUSR1, which belongs to this library.
+  //   Example: a thread blocked in read(2) on an empty pipe runs the actor at once and goes
+  //   back to its read (SA_RESTART); a thread that returned from its body gives false.
+  bool runInUnixSignalContext(InSignalContextActor *actor);
+
+  // The thread's busy fraction for the present, while a ScopedDutyCycleClaimThread holds its
+  // estimate: then true and out is set. False, out untouched, with no scope or no scratch.
+  // Only for a thread whose body is running.
+  bool getDutyCycle(double &out) const;
+
   // Process-wide state; see the lifecycle notes in Thread.cpp.
   static bool main_thread_created;
   static bool have_already_started_threads;
@@ -300,6 +390,12 @@ class Thread {
   void _remove_from_global_thread_list();
   void _callMainAndDiscardTerminateException();
   static void renderThreadNotation(crashlog_notation_entry *e, crash_log_writer *w);
+  static Thread *firstRunning(const std::function<bool(Thread &)> &predicate, bool started);
+  static void signalContextHandler(int signo, siginfo_t *info, void *ucontext);
+  static void installSignalContextHandler();
+  static void closeSignalActors();
+  bool takeBackSignalActor();
+  void closeSignalContext();
 
   friend class MainThread;
   friend class ThreadFunction;
@@ -321,6 +417,10 @@ class Thread {
   PthreadMutex _signal_context_lock;
   std::atomic<void *> _inSignalContextActor;
   std::atomic<bool> _signal_context_busy;
+  // Set by the thread as it leaves; from then on no actor is sent to it.
+  std::atomic<bool> _signal_context_closed;
+  // Whether the last delivered actor ran, as opposed to being refused by a leaving thread.
+  std::atomic<bool> _signal_context_ran;
   // Atomic because the crash log reads it from whichever thread is dying.
   std::atomic<per_thread_state *> _scratchp;
   int32_t _sched_priority;
