@@ -1,0 +1,7 @@
+#include "basicutil/Timezone.h"
+
+namespace morvek {
+
+SerializedTimezoneReader::~SerializedTimezoneReader() = default;
+
+}  // namespace morvek
