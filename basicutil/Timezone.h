@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -166,9 +167,13 @@ class TimezoneData {
 
  private:
   bool parseHeaderless(StrSegment bytes);
-  bool parsePosixInto(StrSegment text, bool &used_rules);
+  void mergeFooter(StrSegment text);
+  void correctPosixRules(const TimezoneData &rules, int64_t std_off, int64_t dst_off,
+                         uint64_t dst_abbrind);
   void buildFromRules(const TzRule &start, const TzRule &end, int64_t std_off, int64_t dst_off);
+  bool loadPath(const char *path, StrSegment leaf, bool rules_allowed);
   void finishTable();
+  void computeFixedOffset();
 };
 
 // ---- The process-wide zones.
@@ -191,6 +196,9 @@ void setZoneInfoDir(StrSegment path);
 void clearZoneInfoDir();
 // The override directory, empty when none.
 Str zoneInfoDir();
+// Replaces the system directory "/usr/share/zoneinfo", for tests and tools that must not see
+// the system's zones; an empty path restores it. Call it before zones are looked up.
+void setSystemZoneInfoDir(StrSegment path);
 
 // The Olson name an alias stands for ("US/Eastern" -> "America/New_York"), or null.
 const char *timezoneAliasTarget(StrSegment name);
@@ -204,7 +212,7 @@ std::atomic<const Str *> &serializedLocalTimezoneSlot();
 
 // The relative name a zone is searched by: split at "/", empty components dropped, and in each
 // component a blank, "+", "-", "." or ":" kept except in first place, where it becomes "_", and
-// any other byte but letters and digits "_". "../../etc/passwd" gives "__/__/etc/passwd".
+// any other byte but letters and digits "_". "../../etc/passwd" gives "_./_./etc/passwd".
 void sanitizeZoneName(StrSegment name, Str &out);
 
 // ---- The .tzpack archive: big-endian, 16-byte units. A header of the magic "MorvekTZpk1!" and
