@@ -12,7 +12,10 @@
 #include <vector>
 
 #include "basicutil/FileDescriptor.h"
+#include "basicutil/Timeval.h"
 #include "basicutil/Timezone.h"
+#include "basicutil/TimezoneSerialize.h"
+#include "basicutil/TzEstimate.h"
 
 using namespace morvek;
 
@@ -34,6 +37,14 @@ const char *const USAGE =
     "      archive; the library reads it when OUT names the override directory plus .tzpack.\n"
     "  ls PACK\n"
     "      Lists the entries of an archive: name and size of the zone file.\n"
+    "  tzstring ZONE [TIME]\n"
+    "      A POSIX TZ value that behaves like ZONE near TIME (default now), inferred from\n"
+    "      its transitions: \"EST5EDT,M3.2.0,M11.1.0\".\n"
+    "  serialize ZONE\n"
+    "      ZONE as serialized text (\"### SERIALIZED TIMEZONE FORMAT 1.0\"), 30 years ahead.\n"
+    "  deserialize FILE\n"
+    "      Rebuilds a zone from serialized text (\"-\" reads standard input) and prints its\n"
+    "      transitions as dump does.\n"
     "\n"
     "ZONE is whatever the library accepts: \"Europe/London\", \"/path/to/file\",\n"
     "\"EST5EDT,M3.2.0,M11.1.0\", \"localtime\". Errors print one line on standard error and\n"
@@ -240,6 +251,45 @@ int lsVerb(int, char **argv) {
   return 0;
 }
 
+// TIME as the at verb takes it; an ISO time without designator is read as UTC here.
+bool parseTime(const char *s, int64_t &t) {
+  bool has_zone;
+  int64_t offset;
+  if (parseInteger(s, t)) return true;
+  if (!parseIso(s, t, has_zone, offset)) return false;
+  t -= offset;
+  return true;
+}
+
+int tzstringVerb(int argc, char **argv) {
+  const TimezoneData *tz = zoneOrFail(argv[0]);
+  if (tz == nullptr) return 1;
+  int64_t t = Timeval::now().seconds();
+  if (argc > 1 && !parseTime(argv[1], t)) return fail("bad time \"%s\"", argv[1]);
+  printf("%s\n", estimatedTzVariable(*tz, t, false).c_str());
+  return 0;
+}
+
+int serializeVerb(int, char **argv) {
+  const TimezoneData *tz = zoneOrFail(argv[0]);
+  if (tz == nullptr) return 1;
+  const Str text = serializedTimezoneText(*tz, SERIALIZED_TZ_LOCAL_YEARS, Timeval::now().seconds());
+  fwrite(text.data(), 1, text.size(), stdout);
+  return 0;
+}
+
+int deserializeVerb(int, char **argv) {
+  FileDescriptor fd;
+  Str text;
+  const bool opened =
+      strcmp(argv[0], "-") == 0 ? fd.open("/dev/stdin", O_RDONLY) : fd.openRead(argv[0]);
+  if (!opened || !fd.readAll(text)) return fail("cannot read \"%s\": %s", argv[0], strerror(errno));
+  const TimezoneData *tz = deserializeTimezone(text);
+  if (tz == nullptr) return fail("\"%s\" is not a serialized time zone", argv[0]);
+  for (uint32_t i = 0; i < tz->timecnt; ++i) printInstant(*tz, tz->ats[i], tz->transitionType(i));
+  return 0;
+}
+
 struct Verb {
   const char *name;
   int min_args, max_args;  // after the verb
@@ -252,6 +302,9 @@ const Verb VERBS[] = {
     {"at", 2, 1 << 20, atVerb},
     {"pack", 2, 2, packVerb},
     {"ls", 1, 1, lsVerb},
+    {"tzstring", 1, 2, tzstringVerb},
+    {"serialize", 1, 1, serializeVerb},
+    {"deserialize", 1, 1, deserializeVerb},
 };
 
 }  // namespace

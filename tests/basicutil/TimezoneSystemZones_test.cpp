@@ -1,0 +1,224 @@
+// Every compiled zone of the system through the serialized form and through the TZ estimate.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "basicutil/FileDescriptor.h"
+#include "basicutil/Timeval.h"
+#include "basicutil/TimezoneSerialize.h"
+#include "basicutil/TzEstimate.h"
+
+using namespace morvek;
+
+namespace {
+
+const int64_t YEAR = 31536000;
+const int64_t TEN_YEARS = 3653 * SECONDS_PER_DAY;
+
+struct SystemZone {
+  Str name;
+  Str footer;  // the POSIX string after the last data block
+  std::unique_ptr<TimezoneData> tz;
+};
+
+// The zone files under dir/rel; "posix" and "right" hold copies and leap-second variants.
+void collect(const Str &dir, const Str &rel, std::vector<SystemZone> &out) {
+  DIR *d = opendir((rel.empty() ? dir : Str(dir, Str("/", rel))).c_str());
+  if (d == nullptr) return;
+  std::vector<Str> names;
+  while (const dirent *e = readdir(d)) {
+    if (e->d_name[0] != '.') names.emplace_back(e->d_name);
+  }
+  closedir(d);
+  std::sort(names.begin(), names.end());
+  for (const Str &n : names) {
+    const Str child = rel.empty() ? n : Str(rel, Str("/", n));
+    struct stat st;
+    if (stat(Str(dir, Str("/", child)).c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      if (!rel.empty() || (n != "posix" && n != "right")) collect(dir, child, out);
+      continue;
+    }
+    FileDescriptor fd;
+    Str bytes;
+    if (!fd.openRead(Str(dir, Str("/", child)).c_str()) || !fd.readAll(bytes) ||
+        !bytes.startsWith("TZif"))
+      continue;
+    SystemZone zone{child, Str(), std::make_unique<TimezoneData>()};
+    if (!zone.tz->parseZoneFile(bytes, true)) {
+      ADD_FAILURE() << "the engine can't read " << child;
+      continue;
+    }
+    const size_t last = bytes.size() - 1;
+    const size_t start = bytes.rfind('\n', last - 1);
+    if (bytes.back() == '\n' && start != Str::npos)
+      zone.footer = bytes.substr(start + 1, last - start - 1);
+    out.push_back(std::move(zone));
+  }
+}
+
+const std::vector<SystemZone> &systemZones() {
+  static const auto *zones = [] {
+    auto *v = new std::vector<SystemZone>;
+    collect("/usr/share/zoneinfo", Str(), *v);
+    return v;
+  }();
+  return *zones;
+}
+
+bool sameType(const TimezoneData &a, int64_t t, const TimezoneData &b) {
+  const TimezoneType &x = a.typeAt(t), &y = b.typeAt(t);
+  return x.gmtoff == y.gmtoff && x.isdst == y.isdst &&
+         strcmp(a.abbreviation(x), b.abbreviation(y)) == 0;
+}
+
+TEST(TimezoneSystemZones, SerializedFormRebuildsEveryZoneOverItsSpan) {
+  const auto &zones = systemZones();
+  ASSERT_GT(zones.size(), 300u) << "tzdata is not installed";
+  const int64_t now = Timeval::now().seconds(), limit = now + 30 * YEAR;
+  size_t points = 0, windows = 0;
+  for (const SystemZone &zone : zones) {
+    const TimezoneData &tz = *zone.tz;
+    const TimezoneData *back = deserializeTimezone(serializedTimezoneText(tz, 30, now));
+    ASSERT_NE(back, nullptr) << zone.name;
+    EXPECT_EQ(back->typecnt, tz.typecnt) << zone.name;
+    EXPECT_EQ(back->fixed_offset, tz.fixed_offset) << zone.name;
+    EXPECT_EQ(back->goback * 2 + back->goahead, tz.goback * 2 + tz.goahead) << zone.name;
+    // Before the first written change the rebuilt zone can't know what the file knew.
+    const int64_t from = back->timecnt != 0 ? back->ats[0] : INT64_MIN;
+    for (uint32_t i = 0; i < tz.timecnt; ++i) {
+      if (tz.ats[i] < from || tz.ats[i] > limit) continue;
+      ++points;
+      ASSERT_TRUE(sameType(tz, tz.ats[i], *back) &&
+                  (tz.ats[i] == from || sameType(tz, tz.ats[i] - 1, *back)))
+          << zone.name << " at transition " << tz.ats[i];
+    }
+    // The comparison looks at ten years either side and one change beyond: stop where that
+    // change was past the written span.
+    for (int64_t t = 315532800 /* 1980 */;; t += YEAR / 2) {
+      const int64_t hi = t + TimezoneData::EQUIVALENCE_WINDOW;
+      const int64_t *next = std::upper_bound(tz.ats, tz.ats + tz.timecnt, hi);
+      if (hi > limit || (next != tz.ats + tz.timecnt && *next > limit)) break;
+      ++windows;
+      ASSERT_TRUE(back->equivalentAt(tz, t)) << zone.name << " at " << t;
+    }
+  }
+  printf("serialized %zu zones: %zu transitions and %zu ten-year windows alike\n", zones.size(),
+         points, windows);
+}
+
+// True when a and b give the same offset at from and around every change of either up to to;
+// the first difference goes to where.
+bool sameOffsets(const TimezoneData &a, const TimezoneData &b, int64_t from, int64_t to,
+                 int64_t &where) {
+  std::vector<int64_t> times{from};
+  for (const TimezoneData *z : {&a, &b}) {
+    for (uint32_t i = 0; i < z->timecnt; ++i) {
+      if (z->ats[i] >= from && z->ats[i] <= to) times.push_back(z->ats[i]);
+    }
+  }
+  for (int64_t t : times) {
+    for (int64_t d = -1; d <= 1; ++d) {
+      if (a.offsetAt(t + d) != b.offsetAt(t + d)) {
+        where = t + d;
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+// The rules after the first comma: "EST5EDT,M3.2.0,M11.1.0" gives "M3.2.0", "M11.1.0".
+std::vector<StrSegment> rulesOf(const Str &tz) {
+  std::vector<StrSegment> parts;
+  tz.split(parts, ',');
+  parts.erase(parts.begin());
+  return parts;
+}
+
+// "M10.5.0/3" in the zone's own rules where the estimate says "M10.4.0/3".
+bool isWeekFiveAsFour(StrSegment own, StrSegment estimated) {
+  const size_t dot = own.find('.');
+  return own.startsWith("M") && dot != StrSegment::npos && own.substr(dot, 3).equals(".5.") &&
+         estimated.substr(0, dot).equals(own.substr(0, dot)) &&
+         estimated.substr(dot).equals(Str(".4.", own.substr(dot + 3)));
+}
+
+// Why the estimate may disagree with the zone, by the rules of the estimate; null if nothing
+// explains it.
+const char *explain(const SystemZone &zone, const Str &estimate, int64_t now) {
+  const std::vector<StrSegment> own = rulesOf(zone.footer), est = rulesOf(estimate);
+  for (StrSegment rule : own) {
+    const size_t slash = rule.find('/');
+    if (slash != StrSegment::npos &&
+        (rule[slash + 1] == '-' || atoi(rule.data() + slash + 1) >= 24))
+      return "the zone changes at a wall-clock time outside 0-24 h, landing on another date; "
+             "the estimate names the date the change lands on";
+  }
+  auto footer_zone = std::make_unique<TimezoneData>();
+  int64_t where;
+  if (!footer_zone->parsePosixString(zone.footer) ||
+      !sameOffsets(*zone.tz, *footer_zone, now, now + TEN_YEARS, where))
+    return "the zone's table departs from its own yearly rules within ten years; rules are "
+           "inferred from transitions, and one yearly pair can't follow it";
+  if (own.size() == 2 && est.size() == 2) {
+    bool shifted = false, rest_equal = true;
+    for (size_t i = 0; i < 2; ++i) {
+      if (isWeekFiveAsFour(own[i], est[i])) {
+        shifted = true;
+      } else if (!own[i].equals(est[i])) {
+        rest_equal = false;
+      }
+    }
+    if (shifted && rest_equal)
+      return "a last-weekday rule falls in week 4 in some years and week 5 in others; those "
+             "years' candidates share nothing, and the slot keeps its first rule";
+  }
+  for (StrSegment rule : est) {
+    if (rule.startsWith("J"))
+      return "a Julian day at or past 59 is read a day later in years that are not leap years";
+    if (rule.startsWithByteIn(BYTESET_DIGITS))
+      return "a zero-based day rule is written one larger than it is read";
+  }
+  return nullptr;
+}
+
+TEST(TimezoneSystemZones, EstimateForNowFollowsEachZoneForTenYears) {
+  const int64_t now = Timeval::now().seconds();
+  size_t with_footer = 0, agree = 0, identical = 0;
+  std::map<Str, std::vector<Str>> explained;
+  for (const SystemZone &zone : systemZones()) {
+    if (zone.footer.empty()) continue;
+    ++with_footer;
+    const Str estimate = estimatedTzVariable(*zone.tz, now, true);
+    if (estimatedTzVariable(*zone.tz, now, false) == zone.footer) ++identical;
+    auto loaded = std::make_unique<TimezoneData>();
+    ASSERT_TRUE(loaded->parsePosixString(estimate)) << zone.name << ": " << estimate;
+    int64_t where;
+    if (sameOffsets(*zone.tz, *loaded, now, now + TEN_YEARS, where)) {
+      ++agree;
+      continue;
+    }
+    if (const char *why = explain(zone, estimate, now)) {
+      explained[why].push_back(zone.name + " (" + estimate + " / " + zone.footer + ")");
+    } else {
+      ADD_FAILURE() << zone.name << ": estimate \"" << estimate << "\", rules \"" << zone.footer
+                    << "\", offsets differ at " << where;
+    }
+  }
+  printf("%zu zones with rules: %zu estimates agree for ten years, %zu are the zone's text\n",
+         with_footer, agree, identical);
+  for (const auto &[why, names] : explained) {
+    printf("%zu differ because %s, e.g. %s\n", names.size(), why.c_str(), names[0].c_str());
+  }
+  EXPECT_GT(agree, with_footer / 2);
+}
+
+}  // namespace
