@@ -183,6 +183,19 @@ bool parseBody(const StrVector &lines, TimezoneData &tz) {
   return true;
 }
 
+// The lines after the header, and their hash; false when the header isn't there.
+bool readBody(SerializedTimezoneReader &reader, StrVector &lines, uint64_t &hash) {
+  Str line;
+  if (!reader.readLine(line) || line != SERIALIZED_TZ_HEADER) return false;
+  hash = HASH_SEED;
+  while (reader.readLine(line)) {
+    hash = hashBytesContinue(line.data(), line.size(), hash);
+    lines.push_back(std::move(line));
+    line.clear();
+  }
+  return true;
+}
+
 std::atomic<const Str *> &localSlot() { return serializedLocalTimezoneSlot(); }
 
 }  // namespace
@@ -260,15 +273,9 @@ bool SerializedTimezoneTextReader::readLine(Str &line) {
 }
 
 const TimezoneData *deserializeTimezone(SerializedTimezoneReader &reader) {
-  Str line;
-  if (!reader.readLine(line) || line != SERIALIZED_TZ_HEADER) return nullptr;
   StrVector lines;
-  uint64_t hash = HASH_SEED;
-  while (reader.readLine(line)) {
-    hash = hashBytesContinue(line.data(), line.size(), hash);
-    lines.push_back(std::move(line));
-    line.clear();
-  }
+  uint64_t hash;
+  if (!readBody(reader, lines, hash)) return nullptr;
   Str text;
   lines.join(text, '\n');
   {
@@ -283,6 +290,14 @@ const TimezoneData *deserializeTimezone(SerializedTimezoneReader &reader) {
   const TimezoneData *built = tz.release();
   deserializedCache().emplace(hash, DeserializedEntry{std::move(text), built});
   return built;
+}
+
+bool parseSerializedTimezone(StrSegment text, TimezoneData &tz) {
+  SerializedTimezoneTextReader reader(text);
+  StrVector lines;
+  uint64_t hash;
+  tz.clear();
+  return readBody(reader, lines, hash) && parseBody(lines, tz);
 }
 
 const TimezoneData *deserializeTimezone(StrSegment text) {

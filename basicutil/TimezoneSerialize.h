@@ -9,15 +9,18 @@
 // follows); one "Y<gmtoff> <Y|N><W|S|G> <hex bytes of the abbreviation>" per type; one
 // "@<time> <type index>" per transition; "B" and "F" for the 400-year repetition flags; "$".
 //
-// Worked example, America/New_York written in 2026 for 30 years (types first, in the file's
-// order: LMT, EDT, EST, EWT, EPT, then the two of its rule footer):
+// Worked example, America/New_York written in November 2026 for 30 years (186 lines):
 //   ### SERIALIZED TIMEZONE FORMAT 1.0
-//   Y-17762 NW 4C 4D 54
-//   Y-14400 YW 45 44 54
-//   Y-18000 NW 45 53 54
+//   Y-17762 NW 4C 4D 54     type 0: LMT, -4:56:02
+//   Y-14400 YW 45 44 54     type 1: EDT, dst
+//   Y-18000 NW 45 53 54     type 2: EST
+//   ...                     EST (universal), EWT, EPT, then the EDT and EST of the rule footer
+//   @-5767200 2             1969-10-26 06:00 UTC into EST: the one change kept before 1970
+//   @9961200 1              1970-04-26 07:00 UTC into EDT
 //   ...
-//   @-1633280400 1          <- 1918-03-31 07:00 UTC, the last change before 1970
-//   @9972000 2              <- 1970-04-26? no: 1970-04-26 is EDT; this is 1970-... see below
+//   @1710054000 1           2024-03-10 07:00 UTC: local 02:00..02:59 is skipped
+//   @1730613600 2           2024-11-03 06:00 UTC: local 01:00..01:59 happens twice
+//   ...                     up to 2056
 //   $
 // A text that is its body cut short ("$" missing), that has a line "@1 256" (no such type
 // index can exist), or whose transitions go back in time, rebuilds nothing.
@@ -67,5 +70,8 @@ class SerializedTimezoneTextReader : public SerializedTimezoneReader {
 // parsing.
 const TimezoneData *deserializeTimezone(SerializedTimezoneReader &reader);
 const TimezoneData *deserializeTimezone(StrSegment text);
+// The same parse into an object of the caller's, with no cache: for tools and tests. On
+// failure tz is left in an unspecified but destructible state.
+bool parseSerializedTimezone(StrSegment text, TimezoneData &tz);
 
 }  // namespace morvek

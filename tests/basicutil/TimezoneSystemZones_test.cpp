@@ -1,10 +1,10 @@
 // Every compiled zone of the system through the serialized form and through the TZ estimate.
-#include <dirent.h>
+#include <ftw.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -19,6 +19,7 @@ using namespace morvek;
 
 namespace {
 
+const char *const ZONEINFO = "/usr/share/zoneinfo";
 const int64_t YEAR = 31536000;
 const int64_t TEN_YEARS = 3653 * SECONDS_PER_DAY;
 
@@ -28,47 +29,32 @@ struct SystemZone {
   std::unique_ptr<TimezoneData> tz;
 };
 
-// The zone files under dir/rel; "posix" and "right" hold copies and leap-second variants.
-void collect(const Str &dir, const Str &rel, std::vector<SystemZone> &out) {
-  DIR *d = opendir((rel.empty() ? dir : Str(dir, Str("/", rel))).c_str());
-  if (d == nullptr) return;
-  std::vector<Str> names;
-  while (const dirent *e = readdir(d)) {
-    if (e->d_name[0] != '.') names.emplace_back(e->d_name);
-  }
-  closedir(d);
-  std::sort(names.begin(), names.end());
-  for (const Str &n : names) {
-    const Str child = rel.empty() ? n : Str(rel, Str("/", n));
-    struct stat st;
-    if (stat(Str(dir, Str("/", child)).c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      if (!rel.empty() || (n != "posix" && n != "right")) collect(dir, child, out);
-      continue;
-    }
-    FileDescriptor fd;
-    Str bytes;
-    if (!fd.openRead(Str(dir, Str("/", child)).c_str()) || !fd.readAll(bytes) ||
-        !bytes.startsWith("TZif"))
-      continue;
-    SystemZone zone{child, Str(), std::make_unique<TimezoneData>()};
-    if (!zone.tz->parseZoneFile(bytes, true)) {
-      ADD_FAILURE() << "the engine can't read " << child;
-      continue;
-    }
-    const size_t last = bytes.size() - 1;
-    const size_t start = bytes.rfind('\n', last - 1);
-    if (bytes.back() == '\n' && start != Str::npos)
-      zone.footer = bytes.substr(start + 1, last - start - 1);
-    out.push_back(std::move(zone));
-  }
+std::vector<SystemZone> *collecting;
+
+// Each compiled zone, aliases included; "posix" and "right" hold copies and leap-second
+// variants.
+int collectOne(const char *path, const struct stat *, int kind, FTW *) {
+  const Str rel = StrSegment(path).substr(strlen(ZONEINFO) + 1);
+  FileDescriptor fd;
+  Str bytes;
+  if (kind != FTW_F || rel.startsWith("posix/") || rel.startsWith("right/") || !fd.openRead(path) ||
+      !fd.readAll(bytes) || !bytes.startsWith("TZif"))
+    return 0;
+  SystemZone zone{rel, Str(), std::make_unique<TimezoneData>()};
+  EXPECT_TRUE(zone.tz->parseZoneFile(bytes, true)) << rel;
+  // The footer sits between the last two newlines of a version 2+ file.
+  const size_t start = bytes.rfind('\n', bytes.size() - 2);
+  if (bytes[4] >= '2' && bytes.back() == '\n' && start != Str::npos)
+    zone.footer = bytes.substr(start + 1, bytes.size() - start - 2);
+  collecting->push_back(std::move(zone));
+  return 0;
 }
 
 const std::vector<SystemZone> &systemZones() {
   static const auto *zones = [] {
-    auto *v = new std::vector<SystemZone>;
-    collect("/usr/share/zoneinfo", Str(), *v);
-    return v;
+    collecting = new std::vector<SystemZone>;
+    nftw(ZONEINFO, collectOne, 16, 0);
+    return collecting;
   }();
   return *zones;
 }
@@ -180,12 +166,6 @@ const char *explain(const SystemZone &zone, const Str &estimate, int64_t now) {
     if (shifted && rest_equal)
       return "a last-weekday rule falls in week 4 in some years and week 5 in others; those "
              "years' candidates share nothing, and the slot keeps its first rule";
-  }
-  for (StrSegment rule : est) {
-    if (rule.startsWith("J"))
-      return "a Julian day at or past 59 is read a day later in years that are not leap years";
-    if (rule.startsWithByteIn(BYTESET_DIGITS))
-      return "a zero-based day rule is written one larger than it is read";
   }
   return nullptr;
 }
