@@ -370,8 +370,10 @@ const TimezoneData *resolveLocalZone() {
 const TimezoneData *getTimezone() {
   if (const TimezoneData *tz = local_zone.load(std::memory_order_acquire)) return tz;
   // Before the first thread, a resolve that comes back here (through a logger rendering the
-  // time, say) would deadlock on its own mutex: it gets a plain GMT zone instead.
-  static bool resolving = false;
+  // time, say) would deadlock on its own mutex: it gets a plain GMT zone instead. Re-entry can
+  // only come from the same thread, so the flag is the thread's own: threads not made by this
+  // library (which leave the first-thread mark unset) don't see each other's resolves.
+  static thread_local bool resolving = false;
   const bool guarded = !Thread::have_already_started_threads;
   if (guarded) {
     if (resolving) {
