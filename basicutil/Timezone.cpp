@@ -90,8 +90,14 @@ void TimezoneData::clear() {
 }
 
 uint32_t TimezoneData::transitionIndexAt(int64_t t) const {
-  const int64_t *past = std::upper_bound(ats, ats + timecnt, t);
-  return past == ats ? 0 : static_cast<uint32_t>(past - ats - 1);
+  // Branch-free halving: random instants would mispredict half of a branching search's steps.
+  const int64_t *base = ats;
+  for (uint32_t n = timecnt; n > 1;) {
+    const uint32_t half = n / 2;
+    base = base[half] <= t ? base + half : base;
+    n -= half;
+  }
+  return static_cast<uint32_t>(base - ats);
 }
 
 int64_t TimezoneData::transitionTimeAt(int64_t t) const {
