@@ -184,7 +184,7 @@ int atVerb(int argc, char **argv) {
 }
 
 bool collectZones(const Str &dir, const Str &rel, std::vector<std::pair<Str, Str>> &out) {
-  DIR *d = opendir(Str(dir, rel).c_str());
+  DIR *d = opendir((rel.empty() ? dir : Str(dir, Str("/", rel))).c_str());
   if (d == nullptr) return false;
   std::vector<Str> names;
   while (struct dirent *e = readdir(d)) {
@@ -194,10 +194,11 @@ bool collectZones(const Str &dir, const Str &rel, std::vector<std::pair<Str, Str
   for (const Str &n : names) {
     const Str child = rel.empty() ? n : Str(rel, Str("/", n));
     const Str path(dir, Str("/", child));
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0) continue;
+    struct stat st, lst;
+    if (stat(path.c_str(), &st) != 0 || lstat(path.c_str(), &lst) != 0) continue;
     if (S_ISDIR(st.st_mode)) {
-      collectZones(dir, Str("/", child).substr(1), out);
+      // Links to directories would pack zones twice, or loop.
+      if (!S_ISLNK(lst.st_mode)) collectZones(dir, child, out);
       continue;
     }
     FileDescriptor fd;
