@@ -19,8 +19,10 @@ using namespace morvek;
 namespace {
 
 const char *const USAGE =
-    "usage: morvek-tz VERB ARGS...\n"
+    "usage: morvek-tz [--zoneinfo DIR] VERB ARGS...\n"
     "\n"
+    "  --zoneinfo DIR\n"
+    "      Look for zones in DIR, then in the archive DIR.tzpack, before the system's.\n"
     "  dump ZONE [FROM_YEAR [TO_YEAR]]\n"
     "      Every transition of ZONE whose UTC year lies in the range, one a line:\n"
     "      UTC time, local time, offset, abbreviation, isdst=0|1.\n"
@@ -261,6 +263,11 @@ int main(int argc, char **argv) {
   if (argc >= 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
     fputs(USAGE, stdout);
     return 0;
+  }
+  if (argc >= 3 && strcmp(argv[1], "--zoneinfo") == 0) {
+    setZoneInfoDir(argv[2]);
+    argv += 2;
+    argc -= 2;
   }
   if (argc < 2) {
     fputs(USAGE, stderr);
