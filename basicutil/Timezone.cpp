@@ -90,8 +90,14 @@ void TimezoneData::clear() {
 }
 
 uint32_t TimezoneData::transitionIndexAt(int64_t t) const {
-  const int64_t *past = std::upper_bound(ats, ats + timecnt, t);
-  return past == ats ? 0 : static_cast<uint32_t>(past - ats - 1);
+  // Branch-free halving: random instants would mispredict half of a branching search's steps.
+  const int64_t *base = ats;
+  for (uint32_t n = timecnt; n > 1;) {
+    const uint32_t half = n / 2;
+    base = base[half] <= t ? base + half : base;
+    n -= half;
+  }
+  return static_cast<uint32_t>(base - ats);
 }
 
 int64_t TimezoneData::transitionTimeAt(int64_t t) const {
@@ -370,8 +376,10 @@ const TimezoneData *resolveLocalZone() {
 const TimezoneData *getTimezone() {
   if (const TimezoneData *tz = local_zone.load(std::memory_order_acquire)) return tz;
   // Before the first thread, a resolve that comes back here (through a logger rendering the
-  // time, say) would deadlock on its own mutex: it gets a plain GMT zone instead.
-  static bool resolving = false;
+  // time, say) would deadlock on its own mutex: it gets a plain GMT zone instead. Re-entry can
+  // only come from the same thread, so the flag is the thread's own: threads not made by this
+  // library (which leave the first-thread mark unset) don't see each other's resolves.
+  static thread_local bool resolving = false;
   const bool guarded = !Thread::have_already_started_threads;
   if (guarded) {
     if (resolving) {

@@ -35,11 +35,11 @@ std::vector<SystemZone> *collecting;
 // variants.
 int collectOne(const char *path, const struct stat *, int kind, FTW *) {
   const Str rel = StrSegment(path).substr(strlen(ZONEINFO) + 1);
+  if (kind == FTW_D && (rel == "posix" || rel == "right")) return FTW_SKIP_SUBTREE;
   FileDescriptor fd;
   Str bytes;
-  if (kind != FTW_F || rel.startsWith("posix/") || rel.startsWith("right/") || !fd.openRead(path) ||
-      !fd.readAll(bytes) || !bytes.startsWith("TZif"))
-    return 0;
+  if (kind != FTW_F || !fd.openRead(path) || !fd.readAll(bytes) || !bytes.startsWith("TZif"))
+    return FTW_CONTINUE;
   SystemZone zone{rel, Str(), std::make_unique<TimezoneData>()};
   EXPECT_TRUE(zone.tz->parseZoneFile(bytes, true)) << rel;
   // The footer sits between the last two newlines of a version 2+ file.
@@ -47,13 +47,13 @@ int collectOne(const char *path, const struct stat *, int kind, FTW *) {
   if (bytes[4] >= '2' && bytes.back() == '\n' && start != Str::npos)
     zone.footer = bytes.substr(start + 1, bytes.size() - start - 2);
   collecting->push_back(std::move(zone));
-  return 0;
+  return FTW_CONTINUE;
 }
 
 const std::vector<SystemZone> &systemZones() {
   static const auto *zones = [] {
     collecting = new std::vector<SystemZone>;
-    nftw(ZONEINFO, collectOne, 16, 0);
+    nftw(ZONEINFO, collectOne, 16, FTW_ACTIONRETVAL);
     return collecting;
   }();
   return *zones;

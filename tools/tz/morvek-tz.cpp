@@ -22,8 +22,10 @@ using namespace morvek;
 namespace {
 
 const char *const USAGE =
-    "usage: morvek-tz VERB ARGS...\n"
+    "usage: morvek-tz [--zoneinfo DIR] VERB ARGS...\n"
     "\n"
+    "  --zoneinfo DIR\n"
+    "      Look for zones in DIR, then in the archive DIR.tzpack, before the system's.\n"
     "  dump ZONE [FROM_YEAR [TO_YEAR]]\n"
     "      Every transition of ZONE whose UTC year lies in the range, one a line:\n"
     "      UTC time, local time, offset, abbreviation, isdst=0|1.\n"
@@ -195,7 +197,7 @@ int atVerb(int argc, char **argv) {
 }
 
 bool collectZones(const Str &dir, const Str &rel, std::vector<std::pair<Str, Str>> &out) {
-  DIR *d = opendir(Str(dir, rel).c_str());
+  DIR *d = opendir((rel.empty() ? dir : Str(dir, Str("/", rel))).c_str());
   if (d == nullptr) return false;
   std::vector<Str> names;
   while (struct dirent *e = readdir(d)) {
@@ -205,10 +207,11 @@ bool collectZones(const Str &dir, const Str &rel, std::vector<std::pair<Str, Str
   for (const Str &n : names) {
     const Str child = rel.empty() ? n : Str(rel, Str("/", n));
     const Str path(dir, Str("/", child));
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0) continue;
+    struct stat st, lst;
+    if (stat(path.c_str(), &st) != 0 || lstat(path.c_str(), &lst) != 0) continue;
     if (S_ISDIR(st.st_mode)) {
-      collectZones(dir, Str("/", child).substr(1), out);
+      // Links to directories would pack zones twice, or loop.
+      if (!S_ISLNK(lst.st_mode)) collectZones(dir, child, out);
       continue;
     }
     FileDescriptor fd;
@@ -313,6 +316,11 @@ int main(int argc, char **argv) {
   if (argc >= 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
     fputs(USAGE, stdout);
     return 0;
+  }
+  if (argc >= 3 && strcmp(argv[1], "--zoneinfo") == 0) {
+    setZoneInfoDir(argv[2]);
+    argv += 2;
+    argc -= 2;
   }
   if (argc < 2) {
     fputs(USAGE, stderr);
