@@ -17,7 +17,7 @@ namespace {
 
 constexpr int64_t SECONDS_PER_365_DAYS = 31536000;
 
-// What the reader has seen: the body lines, their hash and the joined key text.
+// A rebuilt zone and the body it was built from (its lines joined by newlines).
 struct DeserializedEntry {
   Str text;
   const TimezoneData *tz;
@@ -249,11 +249,15 @@ Str serializedTimezoneText(const TimezoneData &tz, int years, int64_t now) {
 const Str &serializedLocalTimezone() {
   if (const Str *text = localSlot().load(std::memory_order_acquire)) return *text;
   static PthreadMutex *build_lock = new PthreadMutex;
+  // Every text built, so that one replaced by a change of zone directory stays alive (and
+  // reachable) for the callers that still hold it.
+  static std::vector<std::unique_ptr<const Str>> *built =
+      new std::vector<std::unique_ptr<const Str>>;
   ScopedMutexLock lock(*build_lock);
   if (const Str *text = localSlot().load(std::memory_order_acquire)) return *text;
-  const Str *text = new Str(
-      serializedTimezoneText(*getTimezone(), SERIALIZED_TZ_LOCAL_YEARS, Timeval::now().seconds()));
-  // A text replaced by a change of zone directory stays alive: callers may still hold it.
+  built->push_back(std::make_unique<const Str>(
+      serializedTimezoneText(*getTimezone(), SERIALIZED_TZ_LOCAL_YEARS, Timeval::now().seconds())));
+  const Str *text = built->back().get();
   localSlot().exchange(text, std::memory_order_acq_rel);
   return *text;
 }
