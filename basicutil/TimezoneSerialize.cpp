@@ -41,16 +41,30 @@ char kindLetter(uint32_t kind) {
   return kind == TimezoneType::KIND_WALL ? 'W' : kind == TimezoneType::KIND_STANDARD ? 'S' : 'G';
 }
 
+// The writer runs on every hand-over of a zone: plain digit writers, not the printf engine.
 void appendTypeLine(const TimezoneData &tz, const TimezoneType &type, StrVector &lines) {
-  Str line;
-  line.appendf("Y%" PRId64 " %c%c", type.gmtoff, type.isdst ? 'Y' : 'N', kindLetter(type.kind));
-  for (const char *p = tz.abbreviation(type); *p != '\0'; ++p)
-    line.appendf(" %02X", static_cast<unsigned char>(*p));
+  static const char HEX[] = "0123456789ABCDEF";
+  char buf[24];
+  Str line(1, 'Y');
+  line.append(buf, writeDecimalI64(buf, type.gmtoff));
+  line += ' ';
+  line += type.isdst ? 'Y' : 'N';
+  line += kindLetter(type.kind);
+  for (const char *p = tz.abbreviation(type); *p != '\0'; ++p) {
+    const unsigned char b = static_cast<unsigned char>(*p);
+    const char hex[3] = {' ', HEX[b >> 4], HEX[b & 15]};
+    line.append(hex, 3);
+  }
   lines.push_back(std::move(line));
 }
 
 void appendTransitionLine(const TimezoneData &tz, uint32_t i, StrVector &lines) {
-  lines.push_back(Str(Str::FORMAT, "@%" PRId64 " %u", tz.ats[i], unsigned(tz.types[i])));
+  char buf[32];
+  buf[0] = '@';
+  size_t n = 1 + writeDecimalI64(buf + 1, tz.ats[i]);
+  buf[n++] = ' ';
+  n += writeDecimalU32(buf + n, tz.types[i]);
+  lines.push_back(buf, n);
 }
 
 int hexValue(char c) {
@@ -76,9 +90,9 @@ uint64_t internAbbreviation(TimezoneData &tz, const Str &abbreviation) {
 }
 
 // "Y-18000 NW 45 53 54": offset, isdst and kind, then the abbreviation's bytes.
-bool parseTypeLine(StrSegment rest, TimezoneData &tz) {
+bool parseTypeLine(StrSegment rest, TimezoneData &tz, std::vector<StrSegment> &tokens) {
   if (tz.typecnt >= TimezoneData::MAX_TYPES) return false;
-  std::vector<StrSegment> tokens;
+  tokens.clear();
   rest.splitSkippingEmpty(tokens, BYTESET_WHITESPACE);
   if (tokens.size() < 2) return false;
   int64_t gmtoff;
@@ -117,9 +131,9 @@ bool parseTypeLine(StrSegment rest, TimezoneData &tz) {
 }
 
 // "@1710054000 1": time and type index.
-bool parseTransitionLine(StrSegment rest, TimezoneData &tz) {
+bool parseTransitionLine(StrSegment rest, TimezoneData &tz, std::vector<StrSegment> &tokens) {
   if (tz.timecnt >= TimezoneData::MAX_TRANSITIONS) return false;
-  std::vector<StrSegment> tokens;
+  tokens.clear();
   rest.splitSkippingEmpty(tokens, BYTESET_WHITESPACE);
   int64_t at;
   uint64_t type;
@@ -134,6 +148,7 @@ bool parseTransitionLine(StrSegment rest, TimezoneData &tz) {
 // Fills tz (cleared, goback and goahead 1) from the body lines; false on the first bad one.
 bool parseBody(const StrVector &lines, TimezoneData &tz) {
   bool ended = false, go_back = false, go_ahead = false, no_types = false;
+  std::vector<StrSegment> tokens;  // reused: one allocation for the whole text
   for (const Str &line : lines) {
     if (line.empty()) return false;
     ended = false;
@@ -155,10 +170,10 @@ bool parseBody(const StrVector &lines, TimezoneData &tz) {
         if (!fetchInBase(rest, tz.fixed_offset, 10)) return false;
         break;
       case 'Y':
-        if (!parseTypeLine(rest, tz)) return false;
+        if (!parseTypeLine(rest, tz, tokens)) return false;
         break;
       case '@':
-        if (!parseTransitionLine(rest, tz)) return false;
+        if (!parseTransitionLine(rest, tz, tokens)) return false;
         break;
       default:
         return false;
@@ -239,6 +254,7 @@ Str serializedTimezoneText(const TimezoneData &tz, int years, int64_t now) {
   StrVector lines;
   serializeTimezone(tz, lines, years, now);
   Str text;
+  text.reserve(lines.size() * 16);
   for (const Str &line : lines) {
     text += line;
     text += '\n';
