@@ -121,30 +121,19 @@ bool sameOffsets(const TimezoneData &a, const TimezoneData &b, int64_t from, int
   return true;
 }
 
-// The rules after the first comma: "EST5EDT,M3.2.0,M11.1.0" gives "M3.2.0", "M11.1.0".
-std::vector<StrSegment> rulesOf(const Str &tz) {
-  std::vector<StrSegment> parts;
-  tz.split(parts, ',');
-  parts.erase(parts.begin());
-  return parts;
-}
-
-// "M10.5.0/3" in the zone's own rules where the estimate says "M10.4.0/3".
-bool isWeekFiveAsFour(StrSegment own, StrSegment estimated) {
-  const size_t dot = own.find('.');
-  return own.startsWith("M") && dot != StrSegment::npos && own.substr(dot, 3).equals(".5.") &&
-         estimated.substr(0, dot).equals(own.substr(0, dot)) &&
-         estimated.substr(dot).equals(Str(".4.", own.substr(dot + 3)));
+// The rules of a TZ value with every week number 5 ("last") read as 4.
+Str rulesWithWeekFiveAsFour(const Str &tz) {
+  Str rules = tz.substr(std::min(tz.find(','), tz.size()));
+  rules.replaceAll(".5.", ".4.");
+  return rules;
 }
 
 // Why the estimate may disagree with the zone, by the rules of the estimate; null if nothing
 // explains it.
-const char *explain(const SystemZone &zone, const Str &estimate, int64_t now) {
-  const std::vector<StrSegment> own = rulesOf(zone.footer), est = rulesOf(estimate);
-  for (StrSegment rule : own) {
-    const size_t slash = rule.find('/');
-    if (slash != StrSegment::npos &&
-        (rule[slash + 1] == '-' || atoi(rule.data() + slash + 1) >= 24))
+const char *explain(const SystemZone &zone, const Str &estimate, const TimezoneData &loaded,
+                    int64_t now) {
+  for (size_t at = zone.footer.find('/'); at != Str::npos; at = zone.footer.find('/', at + 1)) {
+    if (zone.footer[at + 1] == '-' || atoi(zone.footer.c_str() + at + 1) >= 24)
       return "the zone changes at a wall-clock time outside 0-24 h, landing on another date; "
              "the estimate names the date the change lands on";
   }
@@ -154,19 +143,12 @@ const char *explain(const SystemZone &zone, const Str &estimate, int64_t now) {
       !sameOffsets(*zone.tz, *footer_zone, now, now + TEN_YEARS, where))
     return "the zone's table departs from its own yearly rules within ten years; rules are "
            "inferred from transitions, and one yearly pair can't follow it";
-  if (own.size() == 2 && est.size() == 2) {
-    bool shifted = false, rest_equal = true;
-    for (size_t i = 0; i < 2; ++i) {
-      if (isWeekFiveAsFour(own[i], est[i])) {
-        shifted = true;
-      } else if (!own[i].equals(est[i])) {
-        rest_equal = false;
-      }
-    }
-    if (shifted && rest_equal)
-      return "a last-weekday rule falls in week 4 in some years and week 5 in others; those "
-             "years' candidates share nothing, and the slot keeps its first rule";
-  }
+  // Rule-built zones hold dst as type 0 and standard time as type 1.
+  if (loaded.ttis[0].gmtoff == footer_zone->ttis[0].gmtoff &&
+      loaded.ttis[1].gmtoff == footer_zone->ttis[1].gmtoff &&
+      rulesWithWeekFiveAsFour(estimate) == rulesWithWeekFiveAsFour(zone.footer))
+    return "a last-weekday rule falls in week 4 in some years and week 5 in others; those "
+           "years' candidates share nothing, and the slot keeps its first rule";
   return nullptr;
 }
 
@@ -186,7 +168,7 @@ TEST(TimezoneSystemZones, EstimateForNowFollowsEachZoneForTenYears) {
       ++agree;
       continue;
     }
-    if (const char *why = explain(zone, estimate, now)) {
+    if (const char *why = explain(zone, estimate, *loaded, now)) {
       explained[why].push_back(zone.name + " (" + estimate + " / " + zone.footer + ")");
     } else {
       ADD_FAILURE() << zone.name << ": estimate \"" << estimate << "\", rules \"" << zone.footer
