@@ -88,7 +88,8 @@ class TimezoneData {
   // and are public for tools, tests and the serialized form. Each returns false on failure,
   // leaving the object in an unspecified but destructible state.
 
-  // By name, as getTimezone would: ":path" is a file only, "" is GMT, otherwise a zone file
+  // By name, as getTimezone would: ":path" and "/path" are files only, "" is GMT, otherwise a
+  // zone file
   // (by sanitized relative name under the override directory, its .tzpack, then the system
   // directory), then the alias hook, then a POSIX string.
   bool loadByName(StrSegment name);
