@@ -298,7 +298,9 @@ bool TimezoneData::loadFile(StrSegment zone, bool rules_allowed) {
 
 bool TimezoneData::loadByName(StrSegment zone) {
   clear();
+  // A path is a file or nothing.
   if (zone.startsWith(":")) return loadFile(zone.substr(1), true);
+  if (zone.startsWith("/")) return loadFile(zone, true);
   if (zone.empty()) {
     *this = *gmtTimezone();
     return true;

@@ -88,7 +88,8 @@ class TimezoneData {
   // and are public for tools, tests and the serialized form. Each returns false on failure,
   // leaving the object in an unspecified but destructible state.
 
-  // By name, as getTimezone would: ":path" is a file only, "" is GMT, otherwise a zone file
+  // By name, as getTimezone would: ":path" and "/path" are files only, "" is GMT, otherwise a
+  // zone file
   // (by sanitized relative name under the override directory, its .tzpack, then the system
   // directory), then the alias hook, then a POSIX string.
   bool loadByName(StrSegment name);
@@ -181,7 +182,7 @@ class TimezoneData {
 // The cached lookup by name: the cache, then the set of failed names (null), then, with
 // allow_aliases, the alias hook, then a load. The object is shared by every caller of the same
 // name and lives until exit. Null if the zone can't be had; the name is then remembered as
-// failed (the set of failed names is emptied when it reaches 2049). Takes the zone lock.
+// failed (a set that is emptied before it would grow past 2049 names). Takes the zone lock.
 const TimezoneData *getTimezone(StrSegment name, bool allow_aliases = true);
 const TimezoneData *getTimezone(const char *name, bool allow_aliases = true);
 // The local zone: TZ when set and not empty, else "localtime" (/etc/localtime); failing those
