@@ -14,3 +14,6 @@ PKG_CONFIG_PATH="$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig" \
   c++ -std=c++20 "$root/tests/consumer/main.cpp" -o "$prefix/consumer-pc" \
   $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig" pkg-config --define-prefix --cflags --libs --static morvek)
 LD_LIBRARY_PATH="$prefix/lib:$prefix/lib/x86_64-linux-gnu" "$prefix/consumer-pc"
+"$prefix/bin/morvek-tz" at UTC 0 | grep -q "+00:00 UTC isdst=0"
+"$prefix/bin/morvek-tz" tzstring America/New_York 1732000000 | grep -qx "EST5EDT,M3.2.0,M11.1.0"
+"$prefix/bin/morvek-tz" serialize Asia/Tokyo | "$prefix/bin/morvek-tz" deserialize - | grep -q "JST isdst=0"
