@@ -464,6 +464,8 @@ void Thread::startOSThread(size_t stack_size) {
 
 void *Thread::callMain(void *arg) {
   Thread *instance = static_cast<Thread *>(arg);
+  // A stack overflow on this thread must still find room for the crash report.
+  crash_altstack_install();
   per_thread_state scratch;
   instance->_scratchp.store(&scratch, std::memory_order_release);
   // The kernel keeps at most 15 bytes of a name.
@@ -481,6 +483,7 @@ void *Thread::callMain(void *arg) {
   }
   MV_ASSERT(instance->_scratchp.load() == &scratch);
   instance->_scratchp.store(nullptr);
+  crash_altstack_release();
   return nullptr;
 }
 
@@ -758,6 +761,7 @@ MainThread::MainThread() : Thread(MainThreadTag{}) {
   _main_thread_token = pthread_self();
   _main_thread_id = getThreadId();
   main_thread_created = true;
+  crash_altstack_install();
   setUpCrashNotations();
   runStartHooks();
   _main_scratch.emplace();
