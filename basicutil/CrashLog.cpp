@@ -252,24 +252,23 @@ ScopedPerThreadCrashLogNotation::~ScopedPerThreadCrashLogNotation() {
   if (_attached) crashlog_notation_perthread_pop();
 }
 
-// Runs in the crash handler, where the sanitizers' type checks may lack the descriptors they need.
-__attribute__((no_sanitize("vptr"))) void ScopedPerThreadCrashLogNotation::render(
-    crashlog_notation_entry *e, crash_log_writer *w) {
+MV_CRASH_PATH void ScopedPerThreadCrashLogNotation::render(crashlog_notation_entry *e,
+                                                           crash_log_writer *w) {
   CrashLogWriter writer(w);
   reinterpret_cast<Entry *>(e)->owner->write(writer);
 }
 
-void ScopedPerThreadCrashLogConstantStringNotation::write(CrashLogWriter &writer) {
+MV_CRASH_PATH void ScopedPerThreadCrashLogConstantStringNotation::write(CrashLogWriter &writer) {
   writer.write(_text);
   writer.writeChar('\n');
 }
 
-void ScopedPerThreadCrashLogConstantStrlikeNotation::write(CrashLogWriter &writer) {
+MV_CRASH_PATH void ScopedPerThreadCrashLogConstantStrlikeNotation::write(CrashLogWriter &writer) {
   writer.write(_data, _len);
   writer.writeChar('\n');
 }
 
-void CrashlogAnnotateRegexCompile::write(CrashLogWriter &writer) {
+MV_CRASH_PATH void CrashlogAnnotateRegexCompile::write(CrashLogWriter &writer) {
   writer.write("WHILE COMPILING REGEX: /");
   if (_pattern != nullptr) writer.write(*_pattern);
   writer.writeChar('/');
@@ -345,7 +344,7 @@ void connectClassLayer() {
 
 }  // namespace
 
-crashlog_notation_perthread_state *threadCrashlogNotationState() {
+MV_CRASH_PATH crashlog_notation_perthread_state *threadCrashlogNotationState() {
   if (Thread::main_thread_created) {
     if (Thread *t = Thread::getCurrent()) {
       return Thread::currentIsMainThread() ? crashlog_notation_single_thread_state()

@@ -413,7 +413,7 @@ void Thread::setUpCrashNotations() {
   _crash_notations.last = &_thread_notation.entry;
 }
 
-void Thread::renderThreadNotation(crashlog_notation_entry *e, crash_log_writer *w) {
+MV_CRASH_PATH void Thread::renderThreadNotation(crashlog_notation_entry *e, crash_log_writer *w) {
   ThreadNotation *n = reinterpret_cast<ThreadNotation *>(e);
   CrashLogWriter writer(w);
   n->owner->writeCrashLogNotation(writer);
@@ -613,7 +613,7 @@ bool Thread::currentIsMainThread() {
 
 Thread *Thread::getCurrent() { return activeThreads; }
 
-const Str &Thread::getCurrentThreadName() {
+MV_CRASH_PATH const Str &Thread::getCurrentThreadName() {
   if (activeThreads != nullptr) return activeThreads->_name;
   if (!main_thread_created || pthread_equal(pthread_self(), _main_thread_token)) {
     return mainThreadName();
@@ -693,7 +693,7 @@ bool Thread::schedPolicyFromName(const char *bytes, size_t length, int &policy) 
   return false;
 }
 
-void Thread::writeCrashLogNotation(CrashLogWriter &w) {
+MV_CRASH_PATH void Thread::writeCrashLogNotation(CrashLogWriter &w) {
   if (strcmp(fatal_thread_error.call_name, "none") != 0) {
     w.write("Dying on fatal thread error ");
     w.writeSigned(fatal_thread_error.errnum);
