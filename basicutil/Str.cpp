@@ -1,7 +1,5 @@
 #include "basicutil/Str.h"
 
-#include "basicutil/UnicodeCodepoint.h"
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -9,6 +7,7 @@
 #include <cstdlib>
 
 #include "basicutil/StrVector.h"
+#include "basicutil/UnicodeCodepoint.h"
 #include "libzero/fatal-assert.h"
 
 #if defined(__SSE2__)
@@ -54,21 +53,39 @@ size_t firstHighByte(const char *p, size_t len) {
   return len;
 }
 
-// Index of the first CR or LF, or len.
+// Index of the first CR or LF, or len. Log lines are short, so the first 16 bytes are tested
+// before any loop; the loop then reads aligned blocks, which never straddle a cache line, and a
+// tail is read as the last 16 bytes (bytes already seen hold no line end, so overlaps are safe).
 size_t firstLineEnd(const char *p, size_t len) {
   size_t i = 0;
 #if defined(__SSE2__)
   const __m128i cr = _mm_set1_epi8('\r');
   const __m128i lf = _mm_set1_epi8('\n');
-  auto hits = [&](__m128i x) { return _mm_or_si128(_mm_cmpeq_epi8(x, cr), _mm_cmpeq_epi8(x, lf)); };
-  for (; i + 64 <= len; i += 64) {
-    __m128i any = _mm_or_si128(_mm_or_si128(hits(load16(p + i)), hits(load16(p + i + 16))),
-                               _mm_or_si128(hits(load16(p + i + 32)), hits(load16(p + i + 48))));
-    if (_mm_movemask_epi8(any) != 0) break;
-  }
-  for (; i + 16 <= len; i += 16) {
-    int mask = _mm_movemask_epi8(hits(load16(p + i)));
-    if (mask != 0) return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+  auto hits = [&](__m128i x) {
+    return static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, cr), _mm_cmpeq_epi8(x, lf))));
+  };
+  auto aligned = [&](size_t at) {
+    return hits(_mm_load_si128(reinterpret_cast<const __m128i *>(p + at)));
+  };
+  if (len >= 16) {
+    unsigned m = hits(load16(p));
+    if (m != 0) return static_cast<size_t>(__builtin_ctz(m));
+    i = 16 - (reinterpret_cast<uintptr_t>(p) & 15);
+    for (; i + 32 <= len; i += 32) {
+      m = aligned(i) | aligned(i + 16) << 16;
+      if (m != 0) return i + static_cast<size_t>(__builtin_ctz(m));
+    }
+    if (i + 16 <= len) {
+      m = aligned(i);
+      if (m != 0) return i + static_cast<size_t>(__builtin_ctz(m));
+      i += 16;
+    }
+    if (i < len) {
+      m = hits(load16(p + len - 16));
+      if (m != 0) return len - 16 + static_cast<size_t>(__builtin_ctz(m));
+    }
+    return len;
   }
 #endif
   for (; i < len; ++i) {
