@@ -562,7 +562,10 @@ bool accumulateLine(StrSegment &input, Str &line) {
   return true;
 }
 
-size_t getNextChunk(StrSegment &input, StrSegment &chunk) {
+namespace {
+
+// The body of getNextChunk, kept inline for the comparison loop.
+inline size_t nextChunk(StrSegment &input, StrSegment &chunk) {
   const char *p = input._data;
   const char *pend = p + input._len;
   MV_ASSERT(p < pend);
@@ -579,12 +582,28 @@ size_t getNextChunk(StrSegment &input, StrSegment &chunk) {
   return zeros;
 }
 
+// StrSegment::compare for the short chunks of names and versions, without a library call.
+inline int compareChunks(StrSegment a, StrSegment b) {
+  const size_t n = std::min(a._len, b._len);
+  for (size_t i = 0; i < n; ++i) {
+    const unsigned char x = static_cast<unsigned char>(a._data[i]);
+    const unsigned char y = static_cast<unsigned char>(b._data[i]);
+    if (x != y) return x < y ? -1 : 1;
+  }
+  return a._len < b._len ? -1 : (a._len > b._len ? 1 : 0);
+}
+
+}  // namespace
+
+size_t getNextChunk(StrSegment &input, StrSegment &chunk) { return nextChunk(input, chunk); }
+
 int compareNaturally(StrSegment a, StrSegment b, bool caseless) {
   // Equal leading bytes decide nothing, but a chunk may straddle the first difference: go back
   // to the start of the run that holds the last equal byte, which is a chunk start in both.
   size_t same = 0;
   size_t shorter = std::min(a._len, b._len);
   while (same < shorter && a._data[same] == b._data[same]) ++same;
+  if (same == a._len && same == b._len) return 0;
   if (same > 0) {
     const bool digits = isAsciiDigit(a._data[same - 1]);
     size_t start = same - 1;
@@ -596,11 +615,11 @@ int compareNaturally(StrSegment a, StrSegment b, bool caseless) {
     if (a.empty()) return b.empty() ? 0 : -1;
     if (b.empty()) return 1;
     StrSegment ca, cb;
-    size_t za = getNextChunk(a, ca);
-    size_t zb = getNextChunk(b, cb);
+    size_t za = nextChunk(a, ca);
+    size_t zb = nextChunk(b, cb);
     if (za == StrSegment::npos || zb == StrSegment::npos) {
-      int r =
-          caseless ? mem_compare_caseless(ca._data, ca._len, cb._data, cb._len) : ca.compare(cb);
+      int r = caseless ? mem_compare_caseless(ca._data, ca._len, cb._data, cb._len)
+                       : compareChunks(ca, cb);
       if (r != 0) return r;
     } else {
       size_t sa = ca._len - za;
