@@ -636,6 +636,11 @@ int compareNaturally(StrSegment a, StrSegment b, bool caseless) {
   // to the start of the run that holds the last equal byte, which is a chunk start in both.
   size_t same = 0;
   size_t shorter = std::min(a._len, b._len);
+  for (uint64_t x, y; same + 8 <= shorter; same += 8) {
+    memcpy(&x, a._data + same, 8);
+    memcpy(&y, b._data + same, 8);
+    if (x != y) break;
+  }
   while (same < shorter && a._data[same] == b._data[same]) ++same;
   if (same == a._len && same == b._len) return 0;
   if (same > 0) {
