@@ -640,6 +640,21 @@ inline bool isDecimalDigit(char c) { return static_cast<unsigned char>(c - '0') 
 }  // namespace
 
 bool parse_unsigned_val(const char *p, const char *pend, uint64_t &out, uint64_t max) {
+  // The usual text is digits alone, short enough that nothing can overflow: one tight loop.
+  const size_t n = static_cast<size_t>(pend - p);
+  if (n - 1 < 19) {
+    uint64_t v = 0;
+    size_t i = 0;
+    for (; i < n; ++i) {
+      const unsigned d = static_cast<unsigned char>(p[i]) - unsigned{'0'};
+      if (d > 9) break;
+      v = v * 10 + d;
+    }
+    if (i == n && v <= max) {
+      out = v;
+      return true;
+    }
+  }
   if (p == pend) return false;
   while (p < pend && (*p == ' ' || *p == '\t')) ++p;
   if (p == pend || !isDecimalDigit(*p)) return false;

@@ -11,6 +11,7 @@
 
 #include "basicutil/BaseException.h"
 #include "basicutil/BasicConversions.h"
+#include "basicutil/FileDescriptor.h"
 #include "basicutil/HexDumper.h"
 #include "basicutil/PrintFloatingPoint.h"
 #include "basicutil/PrintfFormat.h"
@@ -23,15 +24,6 @@ namespace {
 
 constexpr char LOWER_HEX[] = "0123456789abcdef";
 constexpr char UPPER_HEX[] = "0123456789ABCDEF";
-
-void writeZeros(CrashLogWriter &w, int count) {
-  static const char zeros[] = "0000000000000000000000000000000000000000000000000000000000000000";
-  while (count > 0) {
-    int n = count < 64 ? count : 64;
-    w.write(zeros, static_cast<size_t>(n));
-    count -= n;
-  }
-}
 
 // Bytes outside 32 to 126 as "?", tabs as blanks.
 void makePrintable(char *p, size_t n) {
@@ -79,29 +71,9 @@ void CrashLogWriter::writeHex(uint64_t v) {
 }
 
 void CrashLogWriter::writeDouble(double v) {
-  if (v != v) {
-    write("NaN");
-    return;
-  }
-  if (v == __builtin_inf() || v == -__builtin_inf()) {
-    write(v < 0 ? "-Infinity" : "Infinity");
-    return;
-  }
-  DoubleToStringShortest d(v);
-  if (d.negative) writeChar('-');
-  if (d.point <= 0) {
-    write("0.");
-    writeZeros(*this, -d.point);
-    write(d.digits, static_cast<size_t>(d.length));
-  } else if (d.point < d.length) {
-    write(d.digits, static_cast<size_t>(d.point));
-    writeChar('.');
-    write(d.digits + d.point, static_cast<size_t>(d.length - d.point));
-  } else {
-    write(d.digits, static_cast<size_t>(d.length));
-    writeZeros(*this, d.point - d.length);
-    writeChar('.');
-  }
+  char buf[400];
+  size_t n = FileDescriptor::formatFloatText(v, buf, sizeof buf);
+  write(buf, n < sizeof buf ? n : 0);
 }
 
 void CrashLogWriter::printf(const char *format, ...) {
@@ -280,24 +252,23 @@ ScopedPerThreadCrashLogNotation::~ScopedPerThreadCrashLogNotation() {
   if (_attached) crashlog_notation_perthread_pop();
 }
 
-// Runs in the crash handler, where the sanitizers' type checks may lack the descriptors they need.
-__attribute__((no_sanitize("vptr"))) void ScopedPerThreadCrashLogNotation::render(
-    crashlog_notation_entry *e, crash_log_writer *w) {
+MV_CRASH_PATH void ScopedPerThreadCrashLogNotation::render(crashlog_notation_entry *e,
+                                                           crash_log_writer *w) {
   CrashLogWriter writer(w);
   reinterpret_cast<Entry *>(e)->owner->write(writer);
 }
 
-void ScopedPerThreadCrashLogConstantStringNotation::write(CrashLogWriter &writer) {
+MV_CRASH_PATH void ScopedPerThreadCrashLogConstantStringNotation::write(CrashLogWriter &writer) {
   writer.write(_text);
   writer.writeChar('\n');
 }
 
-void ScopedPerThreadCrashLogConstantStrlikeNotation::write(CrashLogWriter &writer) {
+MV_CRASH_PATH void ScopedPerThreadCrashLogConstantStrlikeNotation::write(CrashLogWriter &writer) {
   writer.write(_data, _len);
   writer.writeChar('\n');
 }
 
-void CrashlogAnnotateRegexCompile::write(CrashLogWriter &writer) {
+MV_CRASH_PATH void CrashlogAnnotateRegexCompile::write(CrashLogWriter &writer) {
   writer.write("WHILE COMPILING REGEX: /");
   if (_pattern != nullptr) writer.write(*_pattern);
   writer.writeChar('/');
@@ -373,7 +344,7 @@ void connectClassLayer() {
 
 }  // namespace
 
-crashlog_notation_perthread_state *threadCrashlogNotationState() {
+MV_CRASH_PATH crashlog_notation_perthread_state *threadCrashlogNotationState() {
   if (Thread::main_thread_created) {
     if (Thread *t = Thread::getCurrent()) {
       return Thread::currentIsMainThread() ? crashlog_notation_single_thread_state()

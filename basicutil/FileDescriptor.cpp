@@ -108,6 +108,14 @@ size_t FileDescriptor::formatShortestDouble(double x, char *buf, size_t cap) {
   return n < cap ? n : n + 1;
 }
 
+size_t FileDescriptor::formatFloatText(double x, char *buf, size_t cap) {
+  size_t n = formatShortestDouble(x, buf, cap);
+  // Text that fitted leaves room for one more byte.
+  if (!double_is_finite(x) || n >= cap || memchr(buf, '.', n) != nullptr) return n;
+  buf[n] = '.';
+  return n + 1;
+}
+
 FileDescriptor::FileDescriptor(const char *path) : _fd(-1) { openRead(path); }
 
 FileDescriptor::FileDescriptor(const char *path, int flags, mode_t mode) : _fd(-1) {
@@ -213,7 +221,7 @@ void FileDescriptor::writeUnsigned(uint64_t n) {
 
 void FileDescriptor::writeDouble(double x) {
   char buf[400];
-  size_t n = formatShortestDouble(x, buf, sizeof buf);
+  size_t n = formatFloatText(x, buf, sizeof buf);
   MV_ASSERT(n <= sizeof buf);
   write(buf, n);
 }

@@ -115,6 +115,10 @@ class FileDescriptor {
   // cap; 400 bytes always suffice. Shared by every writer of doubles until the printf engine
   // has its own.
   static size_t formatShortestDouble(double x, char *buf, size_t cap);
+  // The float text of the descriptor, stdio and crash-log writers: the same, but a finite value
+  // always has its point, so that it reads as a float: 5.0 gives "5.", 1e21
+  // "1000000000000000000000.", -0.0 "-0.", 0.25 "0.25"; NaN, "-NaN", "Infinity", "-Infinity".
+  static size_t formatFloatText(double x, char *buf, size_t cap);
 };
 
 // Appends "s-" and the unpadded Base64 text of a 32-byte block: the modification time as a

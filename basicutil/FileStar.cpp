@@ -167,7 +167,7 @@ void FileStar::writeHex(uint64_t n) {
 
 void FileStar::writeDouble(double x) {
   char buf[400];
-  size_t n = FileDescriptor::formatShortestDouble(x, buf, sizeof buf);
+  size_t n = FileDescriptor::formatFloatText(x, buf, sizeof buf);
   MV_ASSERT(n <= sizeof buf);
   fwrite(buf, 1, n, _fp);
 }

@@ -260,12 +260,13 @@ Logger::Logger(const char *name) { construct(name); }
 
 Logger::Logger(const char *name, bool suppress, int period_seconds, int max_similar) {
   construct(name);
-  // A suppressor (period_seconds, max_similar) attaches here once suppression exists; until
-  // then every message passes.
-  (void)suppress;
-  (void)period_seconds;
-  (void)max_similar;
+  if (suppress) _suppressor = new LogSuppressor(this, period_seconds, max_similar);
 }
+
+LogSuppressor::LogSuppressor(Logger *logger, int period_seconds, int max_similar)
+    : _logger(logger),
+      _max_similar(max_similar > 0 ? static_cast<uint32_t>(max_similar) : 0),
+      _period_seconds(period_seconds > 0 ? static_cast<uint32_t>(period_seconds) : 0) {}
 
 Logger::Logger(const char *name, LogChannel *channel)
     : _name(name),
@@ -305,6 +306,8 @@ Logger::~Logger() {
   LogMutexScope lock(&initPtr->mutex);
   LoggerInitData::unlink(&initPtr->uninitialized_loggers, this);
   LoggerInitData::unlink(&initPtr->might_need_reinit_loggers, this);
+  delete _suppressor;
+  _suppressor = nullptr;
 }
 
 bool Logger::shouldEscape() const { return true; }

@@ -106,6 +106,24 @@ class FdLogAppender : public LogAppender {
 };
 
 // One record per channel name, never freed.
+// Holds back repeats on a channel built with suppress set: of the messages with one printf
+// format, the first max_similar pass, the rest are counted, and once period_seconds have passed
+// one line tells how many were held back ("DateParserVerbose": 10 in 300 s). The parameters are
+// fixed at construction. Counting is not wired into the message path yet: until it is, every
+// message passes, as on a channel without suppression.
+class LogSuppressor {
+ public:
+  LogSuppressor(Logger *logger, int period_seconds, int max_similar);
+  Logger *logger() const { return _logger; }
+  uint32_t maxSimilar() const { return _max_similar; }
+  uint32_t periodSeconds() const { return _period_seconds; }
+
+ private:
+  Logger *_logger;
+  uint32_t _max_similar;
+  uint32_t _period_seconds;
+};
+
 class LogChannel {
  public:
   LogChannel();
@@ -130,7 +148,8 @@ class LoggerStreamAccumulator;
 class Logger {
  public:
   explicit Logger(const char *name);
-  // The suppression parameters are kept for the suppressor; without suppress they are unused.
+  // With suppress, the Logger gets a LogSuppressor with these parameters (see there); without,
+  // they are unused, as for "Thread" with (60, 100).
   Logger(const char *name, bool suppress, int period_seconds, int max_similar);
   // A handle on a channel of its own: never in the table, never configured.
   Logger(const char *name, LogChannel *channel);
@@ -143,6 +162,8 @@ class Logger {
 
   const char *getName() const { return _name; }
   size_t getNameLength() const { return _name_len; }
+  // Null unless built with suppress.
+  const LogSuppressor *getSuppressor() const { return _suppressor; }
   // The channel this handle delivers to: its own once initialised, the root channel before.
   MORVEK_LOGGER_EARLY LogChannel *getChannel() const {
     LogChannel *c = _channel.load(std::memory_order_acquire);

@@ -424,7 +424,7 @@ void Thread::setUpCrashNotations() {
   _crash_notations.last = &_thread_notation.entry;
 }
 
-void Thread::renderThreadNotation(crashlog_notation_entry *e, crash_log_writer *w) {
+MV_CRASH_PATH void Thread::renderThreadNotation(crashlog_notation_entry *e, crash_log_writer *w) {
   ThreadNotation *n = reinterpret_cast<ThreadNotation *>(e);
   CrashLogWriter writer(w);
   n->owner->writeCrashLogNotation(writer);
@@ -475,6 +475,8 @@ void Thread::startOSThread(size_t stack_size) {
 
 void *Thread::callMain(void *arg) {
   Thread *instance = static_cast<Thread *>(arg);
+  // A stack overflow on this thread must still find room for the crash report.
+  crash_altstack_install();
   per_thread_state scratch;
   instance->_scratchp.store(&scratch, std::memory_order_release);
   // The kernel keeps at most 15 bytes of a name.
@@ -493,6 +495,7 @@ void *Thread::callMain(void *arg) {
   instance->closeSignalContext();
   MV_ASSERT(instance->_scratchp.load() == &scratch);
   instance->_scratchp.store(nullptr);
+  crash_altstack_release();
   return nullptr;
 }
 
@@ -622,7 +625,7 @@ bool Thread::currentIsMainThread() {
 
 Thread *Thread::getCurrent() { return activeThreads; }
 
-const Str &Thread::getCurrentThreadName() {
+MV_CRASH_PATH const Str &Thread::getCurrentThreadName() {
   if (activeThreads != nullptr) return activeThreads->_name;
   if (!main_thread_created || pthread_equal(pthread_self(), _main_thread_token)) {
     return mainThreadName();
@@ -700,7 +703,7 @@ bool Thread::schedPolicyFromName(const char *bytes, size_t length, int &policy) 
   return false;
 }
 
-void Thread::writeCrashLogNotation(CrashLogWriter &w) {
+MV_CRASH_PATH void Thread::writeCrashLogNotation(CrashLogWriter &w) {
   if (strcmp(fatal_thread_error.call_name, "none") != 0) {
     w.write("Dying on fatal thread error ");
     w.writeSigned(fatal_thread_error.errnum);
@@ -897,6 +900,7 @@ MainThread::MainThread() : Thread(MainThreadTag{}) {
   _main_thread_token = pthread_self();
   _main_thread_id = getThreadId();
   main_thread_created = true;
+  crash_altstack_install();
   setUpCrashNotations();
   runStartHooks();
   _main_scratch.emplace();

@@ -834,10 +834,9 @@ void write_notations(crash_log_write_handle *z, crashlog_notation_entry *root) {
   }
 }
 
-void crash_signal_handler(int sig, siginfo_t *info, void *ucv) {
-  const int saved_errno = errno;
-  for (int s : CRASH_SIGNALS) signal(s, SIG_DFL);
-
+// Writes the report; false when the handler is to end at once, without the debugger's wait.
+__attribute__((noinline)) bool write_crash_report(int sig, siginfo_t *info, void *ucv,
+                                                  int saved_errno) {
   time_t now = time(nullptr);
   struct tm tm;
   localtime_r(&now, &tm);
@@ -849,7 +848,7 @@ void crash_signal_handler(int sig, siginfo_t *info, void *ucv) {
     char name[128];
     strftime(name, sizeof name, "crash-%Y-%m-%d-%H:%M:%S.log", &tm);
     ospath_builder path;
-    if (ospath_join(&path, crashdumper_prefix, name) != 0) return;
+    if (ospath_join(&path, crashdumper_prefix, name) != 0) return false;
     const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_EXCL;
     int fd = open(path.buf, flags, 0600);
     bool out_of_fds = false;
@@ -858,7 +857,7 @@ void crash_signal_handler(int sig, siginfo_t *info, void *ucv) {
       fd = open(path.buf, flags, 0600);
       out_of_fds = fd >= 0;
     }
-    if (fd < 0) goto finished;
+    if (fd < 0) return true;
     z.fd = fd;
     if (out_of_fds) w_str(w, "(Out of file descriptors!)\n");
   }
@@ -906,8 +905,8 @@ void crash_signal_handler(int sig, siginfo_t *info, void *ucv) {
           "\n OS: Linux\n Arch: x86-64\n\n Backtrace (NOTE: symbols may be wrong -- dladdr() sees "
           "only exported symbols):\n");
     void *frames[1024];
-    // Skips the dispatcher, this handler and the kernel's signal trampoline.
-    int nframes = crash_backtrace_any(frames, nullptr, 1024, 3, nullptr, nullptr);
+    // Skips the dispatcher, this function, the handler and the kernel's signal trampoline.
+    int nframes = crash_backtrace_any(frames, nullptr, 1024, 4, nullptr, nullptr);
     for (int i = 0; i < nframes; ++i) {
       w_str(w, "  ");
       w_address(w, reinterpret_cast<uintptr_t>(frames[i]));
@@ -975,12 +974,27 @@ void crash_signal_handler(int sig, siginfo_t *info, void *ucv) {
     w_str(w, "terminating...\n");
     if (crashdumper_init_state != CRASHDUMPER_TO_STDERR) close(z.fd);
   }
+  return true;
+}
 
-finished:
-  const char *wait = getenv("MORVEK_WAIT_ON_CRASH");
-  if (wait != nullptr && strcmp(wait, "1") == 0) sleep(120);
+void crash_signal_handler(int sig, siginfo_t *info, void *ucv) {
+  const int saved_errno = errno;
+  for (int s : CRASH_SIGNALS) signal(s, SIG_DFL);
+  if (write_crash_report(sig, info, ucv, saved_errno)) {
+    const char *wait = getenv("MORVEK_WAIT_ON_CRASH");
+    if (wait != nullptr && strcmp(wait, "1") == 0) sleep(120);
+  }
   errno = saved_errno;
-  // Returning re-runs the faulting instruction under the default action; abort raises again.
+  // A fault re-runs its instruction under the default action when the handler returns. A signal
+  // sent by kill, sigqueue or raise has no instruction to re-run: it is sent again, and as the
+  // handler doesn't block it, the default action takes it at once.
+  if (info == nullptr || info->si_code <= 0) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, sig);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    raise(sig);
+  }
 }
 
 }  // namespace
@@ -991,6 +1005,67 @@ extern "C" int crashlog_seek_to_tail(int fd, off_t size, off_t limit) {
 
 extern "C" void crashlog_write_filtered_lines(crash_log_writer *w, int fd) {
   write_filtered_lines(w, fd);
+}
+
+// ---- Alternate signal stacks ------------------------------------------------------------------
+
+namespace {
+
+struct thread_altstack {
+  char *mapping;  // null until installed
+  size_t mapping_size;
+  stack_t previous;
+};
+thread_local thread_altstack own_altstack = {nullptr, 0, {}};
+
+}  // namespace
+
+extern "C" int crash_altstack_install(void) {
+  if (own_altstack.mapping != nullptr) return 0;
+  long page = sysconf(_SC_PAGESIZE);
+  if (page <= 0) {
+    perror("cannot find process page size");
+    return -1;
+  }
+  // The report needs 64 KiB on 4 KiB pages (its frame and a 1024-entry backtrace); the kernel's
+  // signal frame comes on top, and grows with the processor's register state.
+  long kernel_frame = sysconf(_SC_MINSIGSTKSZ);
+  if (kernel_frame < 2048) kernel_frame = 2048;
+  size_t usable =
+      static_cast<size_t>(32767 / page + 9) + static_cast<size_t>((kernel_frame + page - 1) / page);
+  size_t pages = usable + 2;
+  char *stack = static_cast<char *>(
+      mmap(nullptr, pages * page, PROT_NONE, MAP_ANONYMOUS | MAP_PRIVATE, -1, 0));
+  if (stack == MAP_FAILED) {
+    perror("cannot allocate alternate stack");
+    return -1;
+  }
+  if (mprotect(stack + page, usable * page, PROT_READ | PROT_WRITE) != 0) {
+    perror("cannot change memory protection on alternate stack");
+    munmap(stack, pages * page);
+    return -1;
+  }
+  stack_t ss = {};
+  ss.ss_sp = stack + page;
+  ss.ss_size = usable * page;
+  ss.ss_flags = 0;
+  if (sigaltstack(&ss, &own_altstack.previous) != 0) {
+    perror("cannot set alternate stack");
+    munmap(stack, pages * page);
+    return -1;
+  }
+  own_altstack.mapping = stack;
+  own_altstack.mapping_size = pages * page;
+  return 0;
+}
+
+extern "C" void crash_altstack_release(void) {
+  if (own_altstack.mapping == nullptr) return;
+  // Whoever set the previous stack may free it at thread exit, so it goes back in place.
+  if (sigaltstack(&own_altstack.previous, nullptr) != 0)
+    return;  // still in use: better leaked than freed
+  munmap(own_altstack.mapping, own_altstack.mapping_size);
+  own_altstack.mapping = nullptr;
 }
 
 // ---- Installation -----------------------------------------------------------------------------
@@ -1004,31 +1079,7 @@ extern "C" int crash_log_creator_init(const char *prefix) {
   }
   crashdumper_init_state = prefix != nullptr ? CRASHDUMPER_TO_DIRECTORY : CRASHDUMPER_TO_STDERR;
 
-  long page = sysconf(_SC_PAGESIZE);
-  if (page <= 0) {
-    perror("cannot find process page size");
-    return -1;
-  }
-  // Two inaccessible guard pages around the usable stack.
-  size_t pages = static_cast<size_t>(32767 / page) + 11;
-  char *stack = static_cast<char *>(
-      mmap(nullptr, pages * page, PROT_NONE, MAP_ANONYMOUS | MAP_PRIVATE, -1, 0));
-  if (stack == MAP_FAILED) {
-    perror("cannot allocate alternate stack");
-    return -1;
-  }
-  if (mprotect(stack + page, (pages - 2) * page, PROT_READ | PROT_WRITE) != 0) {
-    perror("cannot change memory protection on alternate stack");
-    return -1;
-  }
-  stack_t ss = {};
-  ss.ss_sp = stack + page;
-  ss.ss_size = (pages - 2) * page;
-  ss.ss_flags = 0;
-  if (sigaltstack(&ss, nullptr) != 0) {
-    perror("cannot set alternate stack");
-    return -1;
-  }
+  if (crash_altstack_install() != 0) return -1;
 
   collect_images();
   collect_exec_map();

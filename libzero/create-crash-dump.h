@@ -121,6 +121,17 @@ int crash_log_creator_is_set_up(void);
 // The file whose tail an abort report shows.
 void crash_log_set_stderr_file(const char *name);
 
+// Gives the calling thread an alternate signal stack of its own, so that a crash report can be
+// written after the thread's stack overflowed: 16 pages of 4 KiB for the report, plus what the
+// kernel puts on a signal frame, between two inaccessible guard pages. Whatever stack the thread
+// had before (a sanitizer's, say) is kept for crash_altstack_release. Once per thread; later
+// calls return 0 at once. Returns -1 (and says why on standard error) if it can't be set up.
+// Every thread that may crash needs one: the crash logger's installation gives the caller one,
+// and the thread layer gives one to the main thread and to each thread it starts.
+int crash_altstack_install(void);
+// Puts back the stack the thread had before and frees its own; the thread's last act.
+void crash_altstack_release(void);
+
 typedef const char *(*crash_log_thread_name_func)(void);
 typedef unsigned (*crash_log_thread_count_func)(void);
 // Writes an extra block; returns non-zero when it had something to report.

@@ -159,4 +159,23 @@ std::string StderrCapture::finish() {
   return text;
 }
 
+Watchdog::Watchdog(int seconds, std::string what)
+    : _thread([this, seconds, what = std::move(what)] {
+        std::unique_lock<std::mutex> lock(_mutex);
+        if (_cond.wait_for(lock, std::chrono::seconds(seconds), [this] { return _done; })) return;
+        fprintf(stderr, "FAILED by the watchdog: %s still runs after %d s (deadlock?)\n",
+                what.c_str(), seconds);
+        fflush(stderr);
+        _exit(1);
+      }) {}
+
+Watchdog::~Watchdog() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _done = true;
+  }
+  _cond.notify_one();
+  _thread.join();
+}
+
 }  // namespace testutil

@@ -3,7 +3,10 @@
 
 #include <sys/types.h>
 
+#include <condition_variable>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "libzero/create-crash-dump.h"
@@ -65,6 +68,20 @@ class StderrCapture {
  private:
   int _saved = -1;
   int _fd = -1;
+};
+
+// Ends the test binary with a message naming `what` if it still lives after `seconds`, so that
+// a deadlock turns into a failed case instead of a stuck run.
+class Watchdog {
+ public:
+  Watchdog(int seconds, std::string what);
+  ~Watchdog();
+
+ private:
+  std::mutex _mutex;
+  std::condition_variable _cond;
+  bool _done = false;
+  std::thread _thread;
 };
 
 }  // namespace testutil

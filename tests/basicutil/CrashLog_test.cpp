@@ -55,7 +55,7 @@ TEST(CrashLogWriter, NumbersDoublesAndTextForms) {
 
   const std::pair<double, const char *> doubles[] = {
       // clang-format off
-      {0.0, "0."}, {1.5, "1.5"}, {-2.25, "-2.25"}, {100.0, "100."}, {0.1, "0.1"}, {0.001, "0.001"},
+      {0.0, "0."}, {-0.0, "-0."}, {5.0, "5."}, {1.5, "1.5"}, {-2.25, "-2.25"}, {100.0, "100."}, {0.1, "0.1"}, {0.001, "0.001"},
       {1e21, "1000000000000000000000."}, {1.25e-7, "0.000000125"}, {123.456, "123.456"},
       {std::nan(""), "NaN"}, {INFINITY, "Infinity"}, {-INFINITY, "-Infinity"},
       // clang-format on

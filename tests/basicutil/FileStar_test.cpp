@@ -150,7 +150,7 @@ TEST(FileStarText, NumbersAndFormats) {
   }
   EXPECT_EQ(f.read(),
             "-2147483648-922337203685477580842949672951844674407370955161"
-            "5deadbeefffffffffffffffff0.001-10000000000000000000000|n=7");
+            "5deadbeefffffffffffffffff0.001-10000000000000000000000.|n=7");
 }
 
 }  // namespace

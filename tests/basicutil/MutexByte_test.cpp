@@ -48,7 +48,26 @@ void waitForSleepers(MutexByte::Chain &chain, const MutexByte &byte, int n) {
   while (sleepersOn(chain, byte) < n) sched_yield();
 }
 
-TEST(MutexByteHandOff, SleepersGetTheLockInArrivalOrder) {
+#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer) || \
+    defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+constexpr int DEADLINE_SECONDS = 60;
+#else
+constexpr int DEADLINE_SECONDS = 15;
+#endif
+
+// A broken lock leaves its lockers asleep for good: each case has a deadline of its own.
+class LockCase : public testing::Test {
+  testutil::Watchdog _watchdog{DEADLINE_SECONDS,
+                               testing::UnitTest::GetInstance()->current_test_info()->name()};
+};
+using MutexByteHandOff = LockCase;
+using MutexByteChain = LockCase;
+using MutexByteSleep = LockCase;
+using MutexByteRendering = LockCase;
+using MutexByteDeath = LockCase;
+using MutexByteStress = LockCase;
+
+TEST_F(MutexByteHandOff, SleepersGetTheLockInArrivalOrder) {
   qmutex q;
   std::vector<int> order, states;  // each locker's turn and the byte it saw
   std::vector<Started> lockers;
@@ -73,7 +92,7 @@ TEST(MutexByteHandOff, SleepersGetTheLockInArrivalOrder) {
             "qmutex{unlocked, MutexByte-chain={empty}}");
 }
 
-TEST(MutexByteHandOff, ByteIsNeverUnlockedBetweenHolders) {
+TEST_F(MutexByteHandOff, ByteIsNeverUnlockedBetweenHolders) {
   qmutex q;
   std::atomic<bool> got{false}, watching{true}, saw_zero{false}, release{false};
   q.lock();
@@ -97,7 +116,7 @@ TEST(MutexByteHandOff, ByteIsNeverUnlockedBetweenHolders) {
   sleeper->join();
 }
 
-TEST(MutexByteChain, TwoBytesShareOneChain) {
+TEST_F(MutexByteChain, TwoBytesShareOneChain) {
   MutexByte::Chain chain;
   MutexByte x, y;
   std::vector<std::string> order;
@@ -134,7 +153,7 @@ TEST(MutexByteChain, TwoBytesShareOneChain) {
   EXPECT_TRUE(chain.head == nullptr && chain.tailp == &chain.head);
 }
 
-TEST(MutexByteSleep, SleepThatLosesTheRaceUndoesItsEntry) {
+TEST_F(MutexByteSleep, SleepThatLosesTheRaceUndoesItsEntry) {
   qmutex q;
   per_thread_state *me = Thread::perThreadScratch();
   // Unlocked meanwhile: the compare-and-swap from "locked" fails.
@@ -152,7 +171,7 @@ TEST(MutexByteSleep, SleepThatLosesTheRaceUndoesItsEntry) {
   q.unlock();
 }
 
-TEST(MutexByteSleep, BounceLetsTheLongestSleeperGoFirst) {
+TEST_F(MutexByteSleep, BounceLetsTheLongestSleeperGoFirst) {
   qmutex q;
   std::vector<std::string> order;
   q.lock();
@@ -170,7 +189,7 @@ TEST(MutexByteSleep, BounceLetsTheLongestSleeperGoFirst) {
   EXPECT_THAT(order, ElementsAre("sleeper", "holder"));
 }
 
-TEST(MutexByteRendering, StatesChainsAndSleepers) {
+TEST_F(MutexByteRendering, StatesChainsAndSleepers) {
   const struct {
     uint8_t state;
     const char *text;
@@ -216,7 +235,7 @@ TEST(MutexByteRendering, StatesChainsAndSleepers) {
                            "tailp=0x[0-9a-f]+\\}\\}"));
 }
 
-TEST(MutexByteDeath, ContentionOutsideTheThreadClassesStopsTheProcess) {
+TEST_F(MutexByteDeath, ContentionOutsideTheThreadClassesStopsTheProcess) {
   EXPECT_DEATH(
       {
         ThreadFunction first([] {}, "first");  // contention needs a started thread
@@ -250,7 +269,7 @@ constexpr int STRESS_PAIRS = 50000;
 constexpr int STRESS_PAIRS = 250000;
 #endif
 
-TEST(MutexByteStress, EightThreadsKeepAPlainCounterExact) {
+TEST_F(MutexByteStress, EightThreadsKeepAPlainCounterExact) {
   qmutex q;
   long counter = 0;  // plain: only the lock makes the increments safe
   std::atomic<int> ready{0};

@@ -46,11 +46,11 @@ std::string convertedCase(const std::string &s, bool upper) {
 
 TEST(StrBlockScan, AgreesWithByteLoopAtEveryLengthAndAlignment) {
   std::mt19937 rng(12345);
-  alignas(16) char buffer[16 + 96];
+  alignas(32) char buffer[32 + 96];
   for (int round = 0; round < 12; ++round) {
     for (size_t len = 0; len <= 80; ++len) {
       std::string text = randomText(rng, len);
-      for (size_t align = 0; align < 16; ++align) {
+      for (size_t align = 0; align < 32; ++align) {
         char *p = buffer + align;
         memcpy(p, text.data(), len);
         StrSegment seg(p, len);

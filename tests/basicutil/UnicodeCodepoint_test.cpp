@@ -360,6 +360,13 @@ TEST(CaselessCompare, LongAsciiDecidesAtEveryOffset) {
     EXPECT_EQ(caseless(base, other), -1) << pos;
     other[pos] = '\xC3';
     EXPECT_EQ(caseless(other, base), 1) << pos;
+    // The neighbours of 'A' and 'Z' differ from their lower-case partners only in the case bit.
+    for (const char *pair : {"[{", "@`"}) {
+      std::string l = base;
+      other[pos] = pair[0];
+      l[pos] = pair[1];
+      EXPECT_EQ(caseless(other, l), -1) << pos << pair;
+    }
   }
 }
 

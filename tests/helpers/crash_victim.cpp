@@ -178,6 +178,28 @@ VICTIM_UNCHECKED int main(int argc, char **argv) {
   } else if (mode == "stack-overflow") {
     announceDeath();
     return recurse(0);
+  } else if (mode == "thread-stack-overflow") {
+    ThreadFunction worker(
+        [] {
+          announceDeath();
+          recurse(0);
+        },
+        "victim worker");
+    worker.go();
+    worker.join();
+  } else if (mode == "sent") {
+    // As from `kill -SEGV` by another process: the report comes, and then death by the signal,
+    // not the sleep's end. ARG is the signal, prefixed "q" for sigqueue.
+    const bool queue = mode_arg[0] == 'q';
+    const int sig = atoi(mode_arg + (queue ? 1 : 0));
+    announceDeath();
+    if (queue) {
+      sigqueue(getpid(), sig, sigval{});
+    } else {
+      kill(getpid(), sig);
+    }
+    sleep(3);
+    return 6;
   } else if (mode == "sigbus") {
     std::string path = dir + "/truncated";
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);

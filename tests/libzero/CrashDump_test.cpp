@@ -130,6 +130,32 @@ TEST(CrashDump, FatalSignalsLeaveOneCompleteReport) {
   }
 }
 
+// A worker's overflow needs the worker's own alternate stack; a signal from outside has no
+// faulting instruction to re-run, yet must end the process all the same.
+TEST(CrashDump, OverflowingWorkersAndSentSignalsDieAfterTheReport) {
+  struct Case {
+    const char *mode, *arg;
+    int sig;
+    const char *cause, *thread;
+  } cases[] = {
+      {"thread-stack-overflow", "", SIGSEGV, " at address [0x", "victimworker"},
+      {"sent", "11", SIGSEGV, "   Signal sent by PID ", "MainThread"},
+      {"sent", "7", SIGBUS, "   Signal sent by PID ", "MainThread"},
+      {"sent", "6", SIGABRT, "   Signal sent by PID ", "MainThread"},
+      {"sent", "q4", SIGILL, "   Signal sent by PID ", "MainThread"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(std::string(c.mode) + " " + c.arg);
+    if (c.arg[0] == '\0' && THREAD_SANITIZER) continue;
+    Crash crash = runVictim(c.mode, testutil::makeTempDir(), c.arg);
+    EXPECT_TRUE(diedBy(crash.run.status, c.sig)) << crash.run.status << "\n" << crash.run.err;
+    ASSERT_EQ(crash.logs.size(), 1u) << crash.run.err;
+    expectInOrder(crash.log(), {" Cause:\n", c.cause});
+    expectInOrder(crash.log(), REPORT_BLOCKS);
+    EXPECT_EQ(lineAfter(crash.log(), " Crashing thread: "), c.thread);
+  }
+}
+
 TEST(CrashDump, UncaughtExceptionsAreReported) {
   struct Case {
     const char *mode;
