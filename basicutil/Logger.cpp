@@ -4,12 +4,15 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
 #include <map>
 #include <mutex>
 
+#include "basicutil/LogInternal.h"
+#include "basicutil/LogSuppressor.h"
 #include "basicutil/Thread.h"
 #include "libzero/fatal-assert.h"
 
@@ -20,22 +23,6 @@ namespace {
 const char *const LEVEL_NAMES[] = {"DEBUG", "INFO",  "NOTICE", "WARN", "ERROR",
                                    "CRIT",  "ALERT", "FATAL",  "EMERG"};
 const int COARSE_LEVELS[] = {1, 2, 2, 3, 4, 4, 4, 5, 4};
-
-// The logger must keep working while a pthread primitive is failing (the fatal path logs), so
-// its scopes lock directly and unlock only what they actually locked.
-class LogMutexScope {
- public:
-  explicit LogMutexScope(PthreadMutex *m) : _m(m), _locked(pthread_mutex_lock(m->native()) == 0) {}
-  ~LogMutexScope() {
-    if (_locked) pthread_mutex_unlock(_m->native());
-  }
-  LogMutexScope(const LogMutexScope &) = delete;
-  LogMutexScope &operator=(const LogMutexScope &) = delete;
-
- private:
-  PthreadMutex *_m;
-  bool _locked;
-};
 
 // The channels this thread is delivering on right now. A message that comes back to one of them
 // from inside its own delivery (an observer logging to its own channel) would deadlock on the
@@ -260,11 +247,10 @@ Logger::Logger(const char *name) { construct(name); }
 
 Logger::Logger(const char *name, bool suppress, int period_seconds, int max_similar) {
   construct(name);
-  // A suppressor (period_seconds, max_similar) attaches here once suppression exists; until
-  // then every message passes.
-  (void)suppress;
-  (void)period_seconds;
-  (void)max_similar;
+  if (suppress) {
+    _suppressor = new LogSuppressor(this, static_cast<uint32_t>(std::max(period_seconds, 0)),
+                                    static_cast<uint32_t>(std::max(max_similar, 0)));
+  }
 }
 
 Logger::Logger(const char *name, LogChannel *channel)
@@ -305,6 +291,10 @@ Logger::~Logger() {
   LogMutexScope lock(&initPtr->mutex);
   LoggerInitData::unlink(&initPtr->uninitialized_loggers, this);
   LoggerInitData::unlink(&initPtr->might_need_reinit_loggers, this);
+}
+
+void Logger::flushSuppressed() {
+  if (_suppressor != nullptr) _suppressor->flushSuppressed();
 }
 
 bool Logger::shouldEscape() const { return true; }
@@ -377,7 +367,14 @@ MORVEK_LOGGER_EARLY void Logger::vlogAt(int level, LogFormatCallback *cb, const 
     return;
   }
   if (!isEnabledFor(level)) return;
-  // Suppression takes its decision here once it exists (_suppressor).
+  if (_suppressor != nullptr) {
+    try {
+      _suppressor->log(level, saved_errno, cb, format, ap);
+    } catch (...) {
+    }
+    errno = saved_errno;
+    return;
+  }
   LogEvent event{Timeval::now(), this, level};
   finish_vlog(event, saved_errno, cb, format, ap);
   errno = saved_errno;

@@ -130,7 +130,8 @@ class LoggerStreamAccumulator;
 class Logger {
  public:
   explicit Logger(const char *name);
-  // The suppression parameters are kept for the suppressor; without suppress they are unused.
+  // With suppress, repeats of one format beyond max_similar are held back and reported once
+  // period_seconds have passed (LogSuppressor).
   Logger(const char *name, bool suppress, int period_seconds, int max_similar);
   // A handle on a channel of its own: never in the table, never configured.
   Logger(const char *name, LogChannel *channel);
@@ -195,6 +196,11 @@ class Logger {
       __attribute__((format(printf, 4, 0)));
   MORVEK_LOGGER_EARLY void logSegment(int level, StrSegment text);
 
+  // With suppression (the constructor's suppress): what is held, null otherwise.
+  LogSuppressor *getSuppressor() const { return _suppressor; }
+  // Logs what the suppressor holds and forgets it; nothing without one.
+  void flushSuppressed();
+
   // When DEBUG is on, each non-empty line (split at "\n" or "\r") is a DEBUG message.
   void debugSplitLines(const char *data, size_t size);
 
@@ -252,6 +258,7 @@ class Logger {
  private:
   friend class LoggerStreamAccumulator;
   friend struct LoggerInitData;
+  friend class LogSuppressor;
 
   void construct(const char *name);
   MORVEK_LOGGER_EARLY LoggerStreamAccumulator *openStream(int level);
