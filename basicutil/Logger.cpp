@@ -1,7 +1,6 @@
 #include "basicutil/Logger.h"
 
 #include <pthread.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include <map>
 #include <mutex>
 
+#include "basicutil/LogFileAppender.h"
 #include "basicutil/LogInternal.h"
 #include "basicutil/LogSuppressor.h"
 #include "basicutil/Thread.h"
@@ -172,7 +172,7 @@ LogChannel::LogChannel()
     : level(LOG_INFO), level_explicit(false), buffered(false), mutex(new PthreadMutex) {}
 
 // ---------------------------------------------------------------------------------------------
-// Escaping and the descriptor appender
+// Escaping
 
 StrSegment LoggerEscaped::_escape(bool escape_all) {
   if (_bypass) return _unescaped;
@@ -205,39 +205,6 @@ StrSegment LoggerEscaped::_escape(bool escape_all) {
   }
   _escaped = out.segment();
   return _escaped;
-}
-
-FdLogAppender::FdLogAppender(int fd) : _fd(fd) {}
-FdLogAppender::~FdLogAppender() = default;
-
-void FdLogAppender::append(const LogEvent &, LoggerEscaped &message,
-                           const std::vector<LogObserver *> *observers, bool) {
-  StrSegment m = message._escape(_escape_all);
-  if (observers != nullptr && !observers->empty()) {
-    Str line(m);
-    line.push_back('\n');
-    for (LogObserver *o : *observers) o->observeLogLine(line);
-  }
-  // One writev keeps the record whole against other writers; no copy is made for it.
-  struct iovec iov[2] = {{const_cast<char *>(m.data()), m.size()}, {const_cast<char *>("\n"), 1}};
-  struct iovec *v = iov;
-  int n = 2;
-  int fd = _fd.load(std::memory_order_relaxed);
-  while (n > 0) {
-    ssize_t w = writev(fd, v, n);
-    if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) return;
-    size_t done = static_cast<size_t>(w);
-    while (n > 0 && done >= v->iov_len) {
-      done -= v->iov_len;
-      ++v;
-      --n;
-    }
-    if (n > 0) {
-      v->iov_base = static_cast<char *>(v->iov_base) + done;
-      v->iov_len -= done;
-    }
-  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -329,8 +296,31 @@ Timeval Logger::getStartTime() {
 }
 
 LogAppender *Logger::rootAppender() {
-  static FdLogAppender *appender = new FdLogAppender(2);
+  static LogFileAppender *appender = new LogFileAppender(2);
   return appender;
+}
+
+LogChannel *Logger::channelFor(StrSegment name) { return findOrCreateChannel(name); }
+
+void Logger::resetChannels() {
+  Thread::assertNotMultithreadedYet();
+  // Old records stay valid for handles that still point at them, but must not reach
+  // appenders that the new configuration is about to delete.
+  std::vector<LogChannel *> old = allChannels();
+  old.push_back(rootChannel());
+  for (LogChannel *c : old) {
+    LogMutexScope lock(c->mutex);
+    c->appenders.clear();
+    c->buffered = false;
+  }
+  {
+    ChannelTable &t = channelTable();
+    LogMutexScope lock(&t.mutex);
+    t.channels.clear();
+  }
+  LogChannel *root = rootChannel();
+  root->level.store(LOG_INFO, std::memory_order_relaxed);
+  root->level_explicit = false;
 }
 
 LogChannel *Logger::rootChannel() {

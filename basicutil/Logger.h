@@ -89,22 +89,6 @@ class LogAppender {
                       const std::vector<LogObserver *> *observers, bool buffered) = 0;
 };
 
-// Writes each record as "<message>\n" to a descriptor with one system call. The stand-in for the
-// root appender until layouts and files arrive.
-class FdLogAppender : public LogAppender {
- public:
-  explicit FdLogAppender(int fd);
-  ~FdLogAppender() override;
-  void append(const LogEvent &event, LoggerEscaped &message,
-              const std::vector<LogObserver *> *observers, bool buffered) override;
-  void setFd(int fd) { _fd.store(fd, std::memory_order_relaxed); }
-  int getFd() const { return _fd.load(std::memory_order_relaxed); }
-
- private:
-  std::atomic<int> _fd;
-  bool _escape_all = true;
-};
-
 // One record per channel name, never freed.
 class LogChannel {
  public:
@@ -246,7 +230,14 @@ class Logger {
   static void setQuietStderr(bool quiet);
   static bool getQuietStderr();
 
+  // The LogFileAppender on descriptor 2 that serves every channel without appenders of its own.
   static LogAppender *rootAppender();
+  // Before a new configuration: every channel is forgotten (handles keep working on the old
+  // records until initialize gives them new ones) and the root channel starts over. Only
+  // before the first thread has started.
+  static void resetChannels();
+  // The channel of that name, made (as a copy of the root channel) when there is none yet.
+  static LogChannel *channelFor(StrSegment name);
   static LogChannel *rootChannel();
 
   static void registerLogObserver(Logger *logger, LogObserver *observer);

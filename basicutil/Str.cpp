@@ -1,7 +1,5 @@
 #include "basicutil/Str.h"
 
-#include "basicutil/UnicodeCodepoint.h"
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -9,6 +7,7 @@
 #include <cstdlib>
 
 #include "basicutil/StrVector.h"
+#include "basicutil/UnicodeCodepoint.h"
 #include "libzero/fatal-assert.h"
 
 #if defined(__SSE2__)
