@@ -9,7 +9,7 @@ packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config git
   libpcre2-dev libdouble-conversion-dev libgtest-dev libgmock-dev libbenchmark-dev tzdata)
 for arg in "$@"; do
   case "$arg" in
-    --bench) packages+=(libabsl-dev libfmt-dev libspdlog-dev libutf8proc-dev) ;;
+    --bench) packages+=(libabsl-dev libfmt-dev libspdlog-dev libutf8proc-dev liblog4cpp5-dev) ;;
     --regen) packages+=(unicode-data python3) ;;
     *) echo "unknown option: $arg" >&2; exit 2 ;;
   esac
