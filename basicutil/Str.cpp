@@ -1,5 +1,7 @@
 #include "basicutil/Str.h"
 
+#include "basicutil/UnicodeCodepoint.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -7,7 +9,6 @@
 #include <cstdlib>
 
 #include "basicutil/StrVector.h"
-#include "basicutil/UnicodeCodepoint.h"
 #include "libzero/fatal-assert.h"
 
 #if defined(__SSE2__)
