@@ -152,7 +152,21 @@ void LogFileAppender::append(const LogEvent &event, LoggerEscaped &message,
                              const std::vector<LogObserver *> *observers, bool buffered) {
   if (_to_devnull.load(std::memory_order_acquire)) return;
   // The record is built before the lock: a slow layout never holds up other writers.
-  Str record;
+  // Each thread renders into a buffer of its own that keeps its capacity; a record logged from
+  // inside this one (an observer that logs) gets a fresh one.
+  static thread_local Str tls_record;
+  static thread_local bool tls_busy = false;
+  Str local;
+  bool reuse = !tls_busy;
+  Str &record = reuse ? tls_record : local;
+  record.clear();
+  struct Release {
+    bool active;
+    ~Release() {
+      if (active) tls_busy = false;
+    }
+  } release{reuse};
+  tls_busy = true;
   const LogFormat *layout = _layout != nullptr ? _layout : LogFormat::defaultLayout();
   layout->render(record, event, _serialization, _maxMessageSize, message._escape(_escape));
 

@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <ctime>
 
 #include "basicutil/BasicConversions.h"
@@ -14,6 +15,7 @@ namespace morvek {
 namespace {
 
 const char DEFAULT_DATE_FORMAT[] = "%Y-%m-%d %H:%M:%S,%l";
+constexpr uint32_t MAX_MIN_WIDTH = 65536;
 
 }  // namespace
 
@@ -150,6 +152,22 @@ void renderLogDate(Str &out, const LogDateFormat &f, const struct tm &tm, int32_
   }
 }
 
+// The platform's conversion takes a process-wide lock and looks at the zone each time; records
+// come many to a second, so each thread keeps its last second's result.
+void localTimeCached(int64_t seconds, struct tm *tm) {
+  struct Cache {
+    int64_t seconds = INT64_MIN;
+    struct tm tm;
+  };
+  static thread_local Cache cache;
+  if (cache.seconds != seconds) {
+    time_t secs = static_cast<time_t>(seconds);
+    if (localtime_r(&secs, &cache.tm) == nullptr) memset(&cache.tm, 0, sizeof cache.tm);
+    cache.seconds = seconds;
+  }
+  *tm = cache.tm;
+}
+
 LogDateFormat *makeLogDate(const char *brace, size_t len) {
   StrSegment text(brace, len);
   if (text.empty() || text == "ISO8601") {
@@ -229,7 +247,8 @@ LogFormat::LogFormat(StrSegment pattern) : _pattern(pattern) {
       a.fill = 0;
       ++p;
     }
-    a.min_width = parseWidth(p, end);
+    // A minimum width pads with real bytes: a typo of many digits must not eat the memory.
+    a.min_width = std::min<uint32_t>(parseWidth(p, end), MAX_MIN_WIDTH);
     if (p < end && *p == '.') {
       ++p;
       a.max_width = parseWidth(p, end);
@@ -371,13 +390,18 @@ void LogFormat::renderAtom(Str &out, const LogFormatAtom &a, const LogEvent &eve
       break;
     case LFMT_DATE: {
       if (!have_tm) {
-        time_t secs = static_cast<time_t>(event.time.seconds());
-        if (localtime_r(&secs, tm) == nullptr) memset(tm, 0, sizeof *tm);
+        localTimeCached(event.time.seconds(), tm);
         have_tm = true;
       }
-      Str text;
-      renderLogDate(text, *a.date, *tm, event.time.microseconds());
-      keyed("\"datetime\":\"", text);
+      if (a.min_width == 0 && a.max_width == LogFormatAtom::NO_MAX_WIDTH) {
+        if (json) out.append("\"datetime\":\"");
+        renderLogDate(out, *a.date, *tm, event.time.microseconds());
+        if (json) out.append("\",");
+      } else {
+        Str text;
+        renderLogDate(text, *a.date, *tm, event.time.microseconds());
+        keyed("\"datetime\":\"", text);
+      }
       break;
     }
     case LFMT_THREAD_NAME: {
