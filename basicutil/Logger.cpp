@@ -116,14 +116,15 @@ std::vector<LogChannel *> allChannels() {
   return out;
 }
 
-bool escapeTable(unsigned char c) {
-  static const auto *table = [] {
-    auto *t = new std::array<bool, 256>();
-    for (int i = 0; i < 128; ++i) (*t)[i] = i != '\t' && !isprint(i);
-    return t;
-  }();
-  return (*table)[c];
-}
+// Bytes below 128 that aren't printable in the "C" locale, tab excepted; fixed, so it is made
+// at compile time rather than under a guard at first use.
+constexpr std::array<bool, 256> ESCAPE_TABLE = [] {
+  std::array<bool, 256> t{};
+  for (int i = 0; i < 128; ++i) t[i] = (i < 0x20 && i != '\t') || i == 0x7f;
+  return t;
+}();
+
+inline bool escapeTable(unsigned char c) { return ESCAPE_TABLE[c]; }
 
 }  // namespace
 
