@@ -188,6 +188,24 @@ TEST(LogConfig, CommentsThatNeverEndAndFilesThatDoNotOpen) {
   EXPECT_FALSE(junk.ok);
 }
 
+TEST(LogConfig, TheShippedExampleReadsCleanlyWithAndWithoutItsSection) {
+  std::string example = slurp(MORVEK_SOURCE_DIR "/examples/log.properties");
+  ASSERT_FALSE(example.empty());
+  Parsed plain(example);
+  EXPECT_TRUE(plain.ok && plain.err.empty()) << plain.err;
+  app_log.info("to the main file");
+  EXPECT_THAT(plain.file("service.log"), HasSubstr(" INFO  App: to the main file\n"));
+
+  LogConfigRequest req;
+  req.section = "console";
+  Parsed console(example, req);
+  EXPECT_TRUE(console.ok);
+  EXPECT_EQ(console.err, "WARN - Appender \"console\" has no filename, assuming stderr\n");
+  testutil::StderrCapture cap;
+  app_log.debug("to the terminal");
+  EXPECT_EQ(cap.finish(), "DEBUG   : to the terminal\n");
+}
+
 TEST(LogConfig, SuspendedPathsAndNoStderr) {
   LogConfigRequest req;
   req.allow_stderr = false;
