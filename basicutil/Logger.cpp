@@ -315,8 +315,11 @@ void Logger::resetChannels() {
     c->buffered = false;
   }
   {
+    // Forgotten by name, kept all the same: a handle may still point at one.
+    static std::vector<LogChannel *> *retired = new std::vector<LogChannel *>;
     ChannelTable &t = channelTable();
     LogMutexScope lock(&t.mutex);
+    for (auto &entry : t.channels) retired->push_back(entry.second);
     t.channels.clear();
   }
   LogChannel *root = rootChannel();
