@@ -1,15 +1,18 @@
 #include "basicutil/Logger.h"
 
 #include <pthread.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
 #include <map>
 #include <mutex>
 
+#include "basicutil/LogFileAppender.h"
+#include "basicutil/LogInternal.h"
+#include "basicutil/LogSuppressor.h"
 #include "basicutil/Thread.h"
 #include "libzero/fatal-assert.h"
 
@@ -20,22 +23,6 @@ namespace {
 const char *const LEVEL_NAMES[] = {"DEBUG", "INFO",  "NOTICE", "WARN", "ERROR",
                                    "CRIT",  "ALERT", "FATAL",  "EMERG"};
 const int COARSE_LEVELS[] = {1, 2, 2, 3, 4, 4, 4, 5, 4};
-
-// The logger must keep working while a pthread primitive is failing (the fatal path logs), so
-// its scopes lock directly and unlock only what they actually locked.
-class LogMutexScope {
- public:
-  explicit LogMutexScope(PthreadMutex *m) : _m(m), _locked(pthread_mutex_lock(m->native()) == 0) {}
-  ~LogMutexScope() {
-    if (_locked) pthread_mutex_unlock(_m->native());
-  }
-  LogMutexScope(const LogMutexScope &) = delete;
-  LogMutexScope &operator=(const LogMutexScope &) = delete;
-
- private:
-  PthreadMutex *_m;
-  bool _locked;
-};
 
 // The channels this thread is delivering on right now. A message that comes back to one of them
 // from inside its own delivery (an observer logging to its own channel) would deadlock on the
@@ -129,14 +116,15 @@ std::vector<LogChannel *> allChannels() {
   return out;
 }
 
-bool escapeTable(unsigned char c) {
-  static const auto *table = [] {
-    auto *t = new std::array<bool, 256>();
-    for (int i = 0; i < 128; ++i) (*t)[i] = i != '\t' && !isprint(i);
-    return t;
-  }();
-  return (*table)[c];
-}
+// Bytes below 128 that aren't printable in the "C" locale, tab excepted; fixed, so it is made
+// at compile time rather than under a guard at first use.
+constexpr std::array<bool, 256> ESCAPE_TABLE = [] {
+  std::array<bool, 256> t{};
+  for (int i = 0; i < 128; ++i) t[i] = (i < 0x20 && i != '\t') || i == 0x7f;
+  return t;
+}();
+
+inline bool escapeTable(unsigned char c) { return ESCAPE_TABLE[c]; }
 
 }  // namespace
 
@@ -185,7 +173,7 @@ LogChannel::LogChannel()
     : level(LOG_INFO), level_explicit(false), buffered(false), mutex(new PthreadMutex) {}
 
 // ---------------------------------------------------------------------------------------------
-// Escaping and the descriptor appender
+// Escaping
 
 StrSegment LoggerEscaped::_escape(bool escape_all) {
   if (_bypass) return _unescaped;
@@ -220,39 +208,6 @@ StrSegment LoggerEscaped::_escape(bool escape_all) {
   return _escaped;
 }
 
-FdLogAppender::FdLogAppender(int fd) : _fd(fd) {}
-FdLogAppender::~FdLogAppender() = default;
-
-void FdLogAppender::append(const LogEvent &, LoggerEscaped &message,
-                           const std::vector<LogObserver *> *observers, bool) {
-  StrSegment m = message._escape(_escape_all);
-  if (observers != nullptr && !observers->empty()) {
-    Str line(m);
-    line.push_back('\n');
-    for (LogObserver *o : *observers) o->observeLogLine(line);
-  }
-  // One writev keeps the record whole against other writers; no copy is made for it.
-  struct iovec iov[2] = {{const_cast<char *>(m.data()), m.size()}, {const_cast<char *>("\n"), 1}};
-  struct iovec *v = iov;
-  int n = 2;
-  int fd = _fd.load(std::memory_order_relaxed);
-  while (n > 0) {
-    ssize_t w = writev(fd, v, n);
-    if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) return;
-    size_t done = static_cast<size_t>(w);
-    while (n > 0 && done >= v->iov_len) {
-      done -= v->iov_len;
-      ++v;
-      --n;
-    }
-    if (n > 0) {
-      v->iov_base = static_cast<char *>(v->iov_base) + done;
-      v->iov_len -= done;
-    }
-  }
-}
-
 // ---------------------------------------------------------------------------------------------
 // Construction and initialisation
 
@@ -260,13 +215,11 @@ Logger::Logger(const char *name) { construct(name); }
 
 Logger::Logger(const char *name, bool suppress, int period_seconds, int max_similar) {
   construct(name);
-  if (suppress) _suppressor = new LogSuppressor(this, period_seconds, max_similar);
+  if (suppress) {
+    _suppressor = new LogSuppressor(this, static_cast<uint32_t>(std::max(period_seconds, 0)),
+                                    static_cast<uint32_t>(std::max(max_similar, 0)));
+  }
 }
-
-LogSuppressor::LogSuppressor(Logger *logger, int period_seconds, int max_similar)
-    : _logger(logger),
-      _max_similar(max_similar > 0 ? static_cast<uint32_t>(max_similar) : 0),
-      _period_seconds(period_seconds > 0 ? static_cast<uint32_t>(period_seconds) : 0) {}
 
 Logger::Logger(const char *name, LogChannel *channel)
     : _name(name),
@@ -306,8 +259,10 @@ Logger::~Logger() {
   LogMutexScope lock(&initPtr->mutex);
   LoggerInitData::unlink(&initPtr->uninitialized_loggers, this);
   LoggerInitData::unlink(&initPtr->might_need_reinit_loggers, this);
-  delete _suppressor;
-  _suppressor = nullptr;
+}
+
+void Logger::flushSuppressed() {
+  if (_suppressor != nullptr) _suppressor->flushSuppressed();
 }
 
 bool Logger::shouldEscape() const { return true; }
@@ -342,8 +297,34 @@ Timeval Logger::getStartTime() {
 }
 
 LogAppender *Logger::rootAppender() {
-  static FdLogAppender *appender = new FdLogAppender(2);
+  static LogFileAppender *appender = new LogFileAppender(2);
   return appender;
+}
+
+LogChannel *Logger::channelFor(StrSegment name) { return findOrCreateChannel(name); }
+
+void Logger::resetChannels() {
+  Thread::assertNotMultithreadedYet();
+  // Old records stay valid for handles that still point at them, but must not reach
+  // appenders that the new configuration is about to delete.
+  std::vector<LogChannel *> old = allChannels();
+  old.push_back(rootChannel());
+  for (LogChannel *c : old) {
+    LogMutexScope lock(c->mutex);
+    c->appenders.clear();
+    c->buffered = false;
+  }
+  {
+    // Forgotten by name, kept all the same: a handle may still point at one.
+    static std::vector<LogChannel *> *retired = new std::vector<LogChannel *>;
+    ChannelTable &t = channelTable();
+    LogMutexScope lock(&t.mutex);
+    for (auto &entry : t.channels) retired->push_back(entry.second);
+    t.channels.clear();
+  }
+  LogChannel *root = rootChannel();
+  root->level.store(LOG_INFO, std::memory_order_relaxed);
+  root->level_explicit = false;
 }
 
 LogChannel *Logger::rootChannel() {
@@ -380,7 +361,14 @@ MORVEK_LOGGER_EARLY void Logger::vlogAt(int level, LogFormatCallback *cb, const 
     return;
   }
   if (!isEnabledFor(level)) return;
-  // Suppression takes its decision here once it exists (_suppressor).
+  if (_suppressor != nullptr) {
+    try {
+      _suppressor->log(level, saved_errno, cb, format, ap);
+    } catch (...) {
+    }
+    errno = saved_errno;
+    return;
+  }
   LogEvent event{Timeval::now(), this, level};
   finish_vlog(event, saved_errno, cb, format, ap);
   errno = saved_errno;

@@ -89,41 +89,7 @@ class LogAppender {
                       const std::vector<LogObserver *> *observers, bool buffered) = 0;
 };
 
-// Writes each record as "<message>\n" to a descriptor with one system call. The stand-in for the
-// root appender until layouts and files arrive.
-class FdLogAppender : public LogAppender {
- public:
-  explicit FdLogAppender(int fd);
-  ~FdLogAppender() override;
-  void append(const LogEvent &event, LoggerEscaped &message,
-              const std::vector<LogObserver *> *observers, bool buffered) override;
-  void setFd(int fd) { _fd.store(fd, std::memory_order_relaxed); }
-  int getFd() const { return _fd.load(std::memory_order_relaxed); }
-
- private:
-  std::atomic<int> _fd;
-  bool _escape_all = true;
-};
-
 // One record per channel name, never freed.
-// Holds back repeats on a channel built with suppress set: of the messages with one printf
-// format, the first max_similar pass, the rest are counted, and once period_seconds have passed
-// one line tells how many were held back ("DateParserVerbose": 10 in 300 s). The parameters are
-// fixed at construction. Counting is not wired into the message path yet: until it is, every
-// message passes, as on a channel without suppression.
-class LogSuppressor {
- public:
-  LogSuppressor(Logger *logger, int period_seconds, int max_similar);
-  Logger *logger() const { return _logger; }
-  uint32_t maxSimilar() const { return _max_similar; }
-  uint32_t periodSeconds() const { return _period_seconds; }
-
- private:
-  Logger *_logger;
-  uint32_t _max_similar;
-  uint32_t _period_seconds;
-};
-
 class LogChannel {
  public:
   LogChannel();
@@ -148,8 +114,8 @@ class LoggerStreamAccumulator;
 class Logger {
  public:
   explicit Logger(const char *name);
-  // With suppress, the Logger gets a LogSuppressor with these parameters (see there); without,
-  // they are unused, as for "Thread" with (60, 100).
+  // With suppress, repeats of one format beyond max_similar are held back and reported once
+  // period_seconds have passed (LogSuppressor).
   Logger(const char *name, bool suppress, int period_seconds, int max_similar);
   // A handle on a channel of its own: never in the table, never configured.
   Logger(const char *name, LogChannel *channel);
@@ -162,8 +128,6 @@ class Logger {
 
   const char *getName() const { return _name; }
   size_t getNameLength() const { return _name_len; }
-  // Null unless built with suppress.
-  const LogSuppressor *getSuppressor() const { return _suppressor; }
   // The channel this handle delivers to: its own once initialised, the root channel before.
   MORVEK_LOGGER_EARLY LogChannel *getChannel() const {
     LogChannel *c = _channel.load(std::memory_order_acquire);
@@ -216,6 +180,11 @@ class Logger {
       __attribute__((format(printf, 4, 0)));
   MORVEK_LOGGER_EARLY void logSegment(int level, StrSegment text);
 
+  // With suppression (the constructor's suppress): what is held, null otherwise.
+  LogSuppressor *getSuppressor() const { return _suppressor; }
+  // Logs what the suppressor holds and forgets it; nothing without one.
+  void flushSuppressed();
+
   // When DEBUG is on, each non-empty line (split at "\n" or "\r") is a DEBUG message.
   void debugSplitLines(const char *data, size_t size);
 
@@ -261,7 +230,14 @@ class Logger {
   static void setQuietStderr(bool quiet);
   static bool getQuietStderr();
 
+  // The LogFileAppender on descriptor 2 that serves every channel without appenders of its own.
   static LogAppender *rootAppender();
+  // Before a new configuration: every channel is forgotten (handles keep working on the old
+  // records until initialize gives them new ones) and the root channel starts over. Only
+  // before the first thread has started.
+  static void resetChannels();
+  // The channel of that name, made (as a copy of the root channel) when there is none yet.
+  static LogChannel *channelFor(StrSegment name);
   static LogChannel *rootChannel();
 
   static void registerLogObserver(Logger *logger, LogObserver *observer);
@@ -273,6 +249,7 @@ class Logger {
  private:
   friend class LoggerStreamAccumulator;
   friend struct LoggerInitData;
+  friend class LogSuppressor;
 
   void construct(const char *name);
   MORVEK_LOGGER_EARLY LoggerStreamAccumulator *openStream(int level);

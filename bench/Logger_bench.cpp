@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "basicutil/LogFileAppender.h"
 #include "basicutil/Logger.h"
 #include "basicutil/Thread.h"
 
@@ -75,11 +76,11 @@ int main(int argc, char **argv) {
     once.join();
   }
   int devnull = open("/dev/null", O_WRONLY);
-  static_cast<morvek::FdLogAppender *>(morvek::Logger::rootAppender())->setFd(devnull);
+  morvek::LogFileAppender::root()->resetToDefaults(devnull);
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
-  static_cast<morvek::FdLogAppender *>(morvek::Logger::rootAppender())->setFd(2);
+  morvek::LogFileAppender::root()->resetToDefaults(2);
   close(devnull);
   return 0;
 }

@@ -2,10 +2,10 @@
 // at an instant, local time to UTC, and the first load of a zone.
 #include <benchmark/benchmark.h>
 
-#if MORVEK_BENCH_ABSL
+#if MORVEK_BENCH_HAVE_ABSL
 #include <absl/time/time.h>
 #endif
-#if MORVEK_BENCH_CCTZ
+#if MORVEK_BENCH_HAVE_CCTZ
 #include <cctz/civil_time.h>
 #include <cctz/time_zone.h>
 #endif
@@ -71,7 +71,7 @@ void offsetLocaltime(benchmark::State &state, const char *zone) {
   }
 }
 
-#if MORVEK_BENCH_CCTZ
+#if MORVEK_BENCH_HAVE_CCTZ
 void offsetCctz(benchmark::State &state, const char *zone) {
   cctz::time_zone tz;
   cctz::load_time_zone(zone, &tz);
@@ -86,7 +86,7 @@ void offsetCctz(benchmark::State &state, const char *zone) {
 
 #endif
 
-#if MORVEK_BENCH_ABSL
+#if MORVEK_BENCH_HAVE_ABSL
 void offsetAbsl(benchmark::State &state, const char *zone) {
   absl::TimeZone tz;
   absl::LoadTimeZone(zone, &tz);
@@ -120,7 +120,7 @@ void toUtcMktime(benchmark::State &state, const char *zone) {
   }
 }
 
-#if MORVEK_BENCH_CCTZ
+#if MORVEK_BENCH_HAVE_CCTZ
 void toUtcCctz(benchmark::State &state, const char *zone) {
   cctz::time_zone tz;
   cctz::load_time_zone(zone, &tz);
@@ -159,7 +159,7 @@ void loadOurs(benchmark::State &state) {
     benchmark::DoNotOptimize(tz->loadByName(zoneNames()[i++ % zoneNames().size()]));
 }
 
-#if MORVEK_BENCH_CCTZ
+#if MORVEK_BENCH_HAVE_CCTZ
 void loadCctz(benchmark::State &state) {
   size_t i = 0;
   for (auto _ : state) {
@@ -180,22 +180,22 @@ int main(int argc, char **argv) {
     const std::string g = std::string("TzOffset/") + z.label;
     benchmark::RegisterBenchmark((g + "/Ours").c_str(), offsetOurs, z.zone);
     benchmark::RegisterBenchmark((g + "/localtime_r").c_str(), offsetLocaltime, z.zone);
-#if MORVEK_BENCH_CCTZ
+#if MORVEK_BENCH_HAVE_CCTZ
     benchmark::RegisterBenchmark((g + "/cctz").c_str(), offsetCctz, z.zone);
 #endif
-#if MORVEK_BENCH_ABSL
+#if MORVEK_BENCH_HAVE_ABSL
     benchmark::RegisterBenchmark((g + "/absl").c_str(), offsetAbsl, z.zone);
 #endif
     const std::string u = std::string("TzLocalToUtc/") + z.label;
     benchmark::RegisterBenchmark((u + "/Ours").c_str(), toUtcOurs, z.zone);
     benchmark::RegisterBenchmark((u + "/mktime").c_str(), toUtcMktime, z.zone);
-#if MORVEK_BENCH_CCTZ
+#if MORVEK_BENCH_HAVE_CCTZ
     benchmark::RegisterBenchmark((u + "/cctz").c_str(), toUtcCctz, z.zone);
 #endif
   }
   const auto n = static_cast<benchmark::IterationCount>(zoneNames().size());
   benchmark::RegisterBenchmark("TzFirstLoad/ByName/Ours", loadOurs)->Iterations(n);
-#if MORVEK_BENCH_CCTZ
+#if MORVEK_BENCH_HAVE_CCTZ
   benchmark::RegisterBenchmark("TzFirstLoad/ByName/cctz", loadCctz)->Iterations(n);
 #endif
   benchmark::Initialize(&argc, argv);

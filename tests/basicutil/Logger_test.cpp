@@ -84,19 +84,6 @@ TEST_F(LoggerTest, ErrnoSurvivesEveryOutcomeAndPercentMShowsTheCallers) {
   EXPECT_EQ(after, ERANGE);
 }
 
-// The constructor's suppression arguments reach a suppressor, and only with suppress set.
-TEST_F(LoggerTest, SuppressionArgumentsAreKept) {
-  static Logger verbose("LoggerSuppressed", true, 300, 10), plain("LoggerPlain", false, 60, 100);
-  Logger odd("LoggerOddSuppressed", true, -5, -1);
-  ASSERT_NE(verbose.getSuppressor(), nullptr);
-  EXPECT_EQ(verbose.getSuppressor()->logger(), &verbose);
-  EXPECT_EQ(verbose.getSuppressor()->periodSeconds(), 300u);
-  EXPECT_EQ(verbose.getSuppressor()->maxSimilar(), 10u);
-  EXPECT_EQ(plain.getSuppressor(), nullptr);
-  ASSERT_NE(odd.getSuppressor(), nullptr);
-  EXPECT_EQ(odd.getSuppressor()->periodSeconds() + odd.getSuppressor()->maxSimilar(), 0u);
-}
-
 TEST_F(LoggerTest, LevelsPerChannelAndForTheUnconfigured) {
   static Logger probe("LoggerLevelProbe"), other("LoggerLevelOther");
   Recorder rec;
