@@ -29,29 +29,17 @@ TEST(ParseDuration, CountsUnitsAndFlags) {
     const char *text;
     unsigned flags;
     std::optional<uint64_t> want;
-  } cases[] = {{"0s", 0, {}},
-               {"0s", Z, 0},
-               {"10", Z, {}},
-               {"10 ms", 0, 10},
-               {"10 MS", 0, 10},
-               {"1500us", 0, 1},
-               {"999us", 0, 0},
-               {"hour", Z, 3600000},
-               {"hour", 0, {}},
-               {"-1s", Z, {}},
-               {"1.5s", 0, {}},
-               {"", Z, {}},
-               {"5 minutes", 0, 300000},
-               {"2 qtrs", 0, 15552000000},
-               {"\t3 Hrs\t ", 0, 10800000},
-               {"1 mon", 0, 2592000000},
-               {"7ds", 0, 700},
-               {"5 s x", 0, {}},
-               {"18446744073709551615 ms", 0, UINT64_MAX},
-               {"18446744073709551616 ms", 0, {}},
-               {"18446744073709551615 us", 0, 18446744073709551},
-               {"18446744073709551 s", 0, 18446744073709551000u},
-               {"18446744073709552 s", 0, {}}};
+  } cases[] = {
+      // clang-format off
+      {"0s", 0, {}}, {"0s", Z, 0}, {"10", Z, {}}, {"10 ms", 0, 10}, {"10 MS", 0, 10},
+      {"1500us", 0, 1}, {"999us", 0, 0}, {"hour", Z, 3600000}, {"hour", 0, {}}, {"-1s", Z, {}},
+      {"1.5s", 0, {}}, {"", Z, {}}, {"5 minutes", 0, 300000}, {"2 qtrs", 0, 15552000000},
+      {"\t3 Hrs\t ", 0, 10800000}, {"1 mon", 0, 2592000000}, {"7ds", 0, 700}, {"5 s x", 0, {}},
+      {"18446744073709551615 ms", 0, UINT64_MAX}, {"18446744073709551616 ms", 0, {}},
+      {"18446744073709551615 us", 0, 18446744073709551},
+      {"18446744073709551 s", 0, 18446744073709551000u}, {"18446744073709552 s", 0, {}},
+      // clang-format on
+  };
   for (const Case &c : cases) EXPECT_EQ(duration(c.text, c.flags), c.want) << c.text;
 
   uint64_t v = 0;
@@ -65,11 +53,13 @@ TEST(ParseDuration, Words) {
   struct Case {
     uint64_t ms;
     const char *want;
-  } cases[] = {{0, "0 milliseconds"},
-               {1, "1 millisecond"},
-               {90061001, "1 day, 1 hour, 1 minute, 1 second, 1 millisecond"},
-               {7322000, "2 hours, 2 minutes, 2 seconds"},
-               {86400001, "1 day, 1 millisecond"}};
+  } cases[] = {
+      {0, "0 milliseconds"},
+      {1, "1 millisecond"},
+      {90061001, "1 day, 1 hour, 1 minute, 1 second, 1 millisecond"},
+      {7322000, "2 hours, 2 minutes, 2 seconds"},
+      {86400001, "1 day, 1 millisecond"},
+  };
   for (const Case &c : cases) {
     Str out;
     morvek::durationToWords(out, c.ms);
@@ -81,23 +71,15 @@ TEST(SecondsAsMilliseconds, RoundingSaturationAndSyntax) {
   struct Case {
     const char *text;
     std::optional<uint64_t> want;
-  } cases[] = {{"0.0004", 1},
-               {"0.0005", 1},
-               {"1.2345", 1235},
-               {"1.23449", 1234},
-               {"0.00001", 1},
-               {"0.0000", 0},
-               {".5", 500},
-               {"1.9999", 2000},
-               {"", {}},
-               {".", {}},
-               {"-1", {}},
-               {" 1", {}},
-               {"1e3", {}},
-               {"18446744073709551", 18446744073709551000u},
-               {"18446744073709551.615", UINT64_MAX},
-               {"18446744073709552", UINT64_MAX},
-               {"99999999999999999999999999.5", UINT64_MAX}};
+  } cases[] = {
+      // clang-format off
+      {"0.0004", 1}, {"0.0005", 1}, {"1.2345", 1235}, {"1.23449", 1234}, {"0.00001", 1},
+      {"0.0000", 0}, {".5", 500}, {"1.9999", 2000}, {"", {}}, {".", {}}, {"-1", {}}, {" 1", {}},
+      {"1e3", {}}, {"18446744073709551", 18446744073709551000u},
+      {"18446744073709551.615", UINT64_MAX}, {"18446744073709552", UINT64_MAX},
+      {"99999999999999999999999999.5", UINT64_MAX},
+      // clang-format on
+  };
   for (const Case &c : cases) {
     uint64_t v = 7;
     bool ok = morvek::mem_parse_into(c.text, strlen(c.text), v);
@@ -137,14 +119,13 @@ TEST(PrintedDurations, StrAndCrashWriterAgree) {
 TEST(PrintedDurations, MicrosecondsRoundUpWithTheWrapEdge) {
   struct Case {
     uint64_t usec, ms;
-  } cases[] = {{0, 0},
-               {1, 1},
-               {1000, 1},
-               {1001, 2},
-               {UINT64_MAX - 999, 18446744073709551},
-               {UINT64_MAX - 998, 18446744073709552},
-               {UINT64_MAX - 1, 18446744073709552},
-               {UINT64_MAX, UINT64_MAX}};
+  } cases[] = {
+      // clang-format off
+      {0, 0}, {1, 1}, {1000, 1}, {1001, 2}, {UINT64_MAX - 999, 18446744073709551},
+      {UINT64_MAX - 998, 18446744073709552}, {UINT64_MAX - 1, 18446744073709552},
+      {UINT64_MAX, UINT64_MAX},
+      // clang-format on
+  };
   for (const Case &c : cases) EXPECT_EQ(morvek::usecToMsecRoundedUp(c.usec), c.ms) << c.usec;
 }
 

@@ -251,16 +251,12 @@ TEST(FileDescriptorIo, CopiesAndQueries) {
 
 TEST(FileDescriptorText, NumbersAreDecimalAndDoublesPlain) {
   const std::pair<double, std::string> doubles[] = {
-      {0.0, "0."},
-      {-0.0, "-0."},
-      {5.0, "5."},
-      {-2.5, "-2.5"},
-      {1.5e-7, "0.00000015"},
-      {1e21, "1000000000000000000000."},
-      {5e-324, "0." + std::string(323, '0') + "5"},
+      // clang-format off
+      {0.0, "0."}, {-0.0, "-0."}, {5.0, "5."}, {-2.5, "-2.5"}, {1.5e-7, "0.00000015"},
+      {1e21, "1000000000000000000000."}, {5e-324, "0." + std::string(323, '0') + "5"},
       {-1.7976931348623157e308, "-17976931348623157" + std::string(292, '0') + "."},
-      {std::nan(""), "NaN"},
-      {HUGE_VAL, "Infinity"},
+      {std::nan(""), "NaN"}, {HUGE_VAL, "Infinity"},
+      // clang-format on
       {-HUGE_VAL, "-Infinity"}};
   TempDir dir;
   std::string expected;

@@ -30,24 +30,21 @@ TEST(MonotonicTimeArithmetic, SaturatesAtBothEndsButForTheAddSecondsWrap) {
     uint64_t n;
     MonotonicTime expected;
   } cases[] = {
-      {{5, 999999999}, ADD_MS, 1, {6, 999999}},
-      {{MAXS, 999999999}, ADD_MS, 1, HI},
+      // Adding seconds keeps its wrap; a borrow from 0 seconds saturates.
+      // clang-format off
+      {{5, 999999999}, ADD_MS, 1, {6, 999999}}, {{MAXS, 999999999}, ADD_MS, 1, HI},
       {{MAXS - 1, 999000000}, ADD_MS, 1000, {MAXS, 999000000}},
       {{MAXS - 1, 999000000}, ADD_MS, 1001, HI},
       {{0, 0}, ADD_MS, 4294967294999ull, {MAXS - 1, 999000000}},
       {{0, 0}, ADD_MS, 4294967295000ull, HI},
       {{1, 500000000}, ADD_NS, 2600000000ull, {4, 100000000}},
-      {{0, 0}, ADD_NS, 4294967295000000000ull, HI},
-      {{0, 0}, ADD_S, 0x80000000u, HI},
-      {{0xF0000000u, 5}, ADD_S, 0x7FFFFFFFu, {0x6FFFFFFFu, 5}},  // the kept wrap
-      {{10, 7}, ADD_S, 20, {30, 7}},
-      {{10, 7}, SUB_S, 11, LO},
-      {{10, 7}, SUB_S, 10, {0, 7}},
+      {{0, 0}, ADD_NS, 4294967295000000000ull, HI}, {{0, 0}, ADD_S, 0x80000000u, HI},
+      {{0xF0000000u, 5}, ADD_S, 0x7FFFFFFFu, {0x6FFFFFFFu, 5}}, {{10, 7}, ADD_S, 20, {30, 7}},
+      {{10, 7}, SUB_S, 11, LO}, {{10, 7}, SUB_S, 10, {0, 7}},
       {{3, 100000000}, SUB_MS, 200, {2, 900000000}},
-      {{0, 100000000}, SUB_MS, 200, LO},  // a borrow from 0 seconds
-      {{2, 0}, SUB_MS, 3000, LO},
-      {{5, 5}, SUB_NS, 4294967295000000000ull, LO},
-      {{5, 5}, SUB_NS, 1000000006ull, {3, 999999999}},
+      {{0, 100000000}, SUB_MS, 200, LO}, {{2, 0}, SUB_MS, 3000, LO},
+      {{5, 5}, SUB_NS, 4294967295000000000ull, LO}, {{5, 5}, SUB_NS, 1000000006ull, {3, 999999999}},
+      // clang-format on
   };
   for (size_t i = 0; i < std::size(cases); ++i) {
     MonotonicTime t = cases[i].start;

@@ -224,16 +224,13 @@ TEST(RegexSubstitutionApply, ReplaceAll) {
     const char *pattern, *with, *subject, *want;
     size_t count;
   } cases[] = {
-      {"x*", "-", "abc", "-a-b-c", 3},
-      {"^a", "X", "aaa", "Xaa", 1},
+      // clang-format off
+      {"x*", "-", "abc", "-a-b-c", 3}, {"^a", "X", "aaa", "Xaa", 1},
       {"(\\w+)@(\\w+)", "\\2 at \\1", "me@host, you@there", "host at me, there at you", 2},
-      {"(a)|(b)", "[\\1\\2]", "ab", "[a][b]", 2},
-      {"(a)(b)", "\\5", "ab", "\\5", 1},
-      {"b", "<\\0>", "abcb", "a<b>c<b>", 2},
-      {"z", "-", "abc", "abc", 0},
-      {"", "-", "", "", 0},
-      {"\\d", "", "a1b22", "ab", 3},
-      {"a|", "-", "ba", "-b-", 2},
+      {"(a)|(b)", "[\\1\\2]", "ab", "[a][b]", 2}, {"(a)(b)", "\\5", "ab", "\\5", 1},
+      {"b", "<\\0>", "abcb", "a<b>c<b>", 2}, {"z", "-", "abc", "abc", 0}, {"", "-", "", "", 0},
+      {"\\d", "", "a1b22", "ab", 3}, {"a|", "-", "ba", "-b-", 2},
+      // clang-format on
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(std::string(c.pattern) + " -> " + c.with);

@@ -54,29 +54,20 @@ struct SplitCase {
 
 TEST(StrSplit, Separators) {
   const SplitCase cases[] = {
-      {"a,,b", ",", kNoLimit, "[a][][b]", "[a][b]"},
-      {"a,b,c", ",", 1, "[a][b,c]", "[a][b,c]"},
-      {"a,b", ",", 0, "[a,b]", "[a,b]"},
-      {",,a,b,", ",", 0, "[,,a,b,]", "[a,b,]"},
-      {"", ",", 0, "", ""},
-      {"", ",", kNoLimit, "", ""},
-      {"a,", ",", kNoLimit, "[a][]", "[a]"},
-      {",", ",", kNoLimit, "[][]", ""},
-      {",,a,,b,,", ",", 1, "[][,a,,b,,]", "[a][b,,]"},
+      // clang-format off
+      {"a,,b", ",", kNoLimit, "[a][][b]", "[a][b]"}, {"a,b,c", ",", 1, "[a][b,c]", "[a][b,c]"},
+      {"a,b", ",", 0, "[a,b]", "[a,b]"}, {",,a,b,", ",", 0, "[,,a,b,]", "[a,b,]"},
+      {"", ",", 0, "", ""}, {"", ",", kNoLimit, "", ""}, {"a,", ",", kNoLimit, "[a][]", "[a]"},
+      {",", ",", kNoLimit, "[][]", ""}, {",,a,,b,,", ",", 1, "[][,a,,b,,]", "[a][b,,]"},
       {"abc", ",", kNoLimit, "[abc]", "[abc]"},
       {"a::b::::c", "::", kNoLimit, "[a][b][][c]", "[a][b][c]"},
-      {"a::b::c", "::", 1, "[a][b::c]", "[a][b::c]"},
-      {"::a::", "::", kNoLimit, "[][a][]", "[a]"},
-      {"a:::b", "::", kNoLimit, "[a][:b]", "[a][:b]"},
-      {"a:", "::", kNoLimit, "[a:]", "[a:]"},
-      {"::::a::b::", "::", 0, "[::::a::b::]", "[a::b::]"},
-      {"", "::", kNoLimit, "", ""},
+      {"a::b::c", "::", 1, "[a][b::c]", "[a][b::c]"}, {"::a::", "::", kNoLimit, "[][a][]", "[a]"},
+      {"a:::b", "::", kNoLimit, "[a][:b]", "[a][:b]"}, {"a:", "::", kNoLimit, "[a:]", "[a:]"},
+      {"::::a::b::", "::", 0, "[::::a::b::]", "[a::b::]"}, {"", "::", kNoLimit, "", ""},
       // The empty separator cuts single bytes and never leaves an empty token behind.
-      {"abcd", "", 2, "[a][b][cd]", "[a][b][cd]"},
-      {"abc", "", kNoLimit, "[a][b][c]", "[a][b][c]"},
-      {"ab", "", 2, "[a][b]", "[a][b]"},
-      {"ab", "", 0, "[ab]", "[ab]"},
-      {"", "", 3, "", ""},
+      {"abcd", "", 2, "[a][b][cd]", "[a][b][cd]"}, {"abc", "", kNoLimit, "[a][b][c]", "[a][b][c]"},
+      {"ab", "", 2, "[a][b]", "[a][b]"}, {"ab", "", 0, "[ab]", "[ab]"}, {"", "", 3, "", ""},
+      // clang-format on
   };
   for (const SplitCase &c : cases) {
     SCOPED_TRACE(testing::Message()

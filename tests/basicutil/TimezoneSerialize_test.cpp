@@ -32,34 +32,18 @@ std::unique_ptr<TimezoneData> estEdt(std::vector<int64_t> ats) {
 }
 
 TEST(TimezoneSerialize, MalformedTextsRebuildNothing) {
-  const Str bodies[] = {"",
-                        "Y0 NW\n@0 0\n",
-                        "Y0 NW\n@0 0\n$\nB\n",
-                        "Y0 NW\n\n@0 0\n$\n",
-                        "Y0 NW\n@0 0\nA\n$\n",
-                        "y0 NW\n@0 0\n$\n",
-                        "@0 0\n$\n",
-                        "Y0 NW\n$\n",
-                        "Cx\nY0 NW\n$\n",
-                        "C0\nZ\nY0 NW\nY0 NW\n$\n",
-                        "Y0 NW\n@0 2\n$\n",
-                        "Y0 NW\n@1 256\n$\n",
-                        "Y0 NW\n@1 -1\n$\n",
-                        "Y0 NW\n@1\n$\n",
-                        "Y0 NW\n@1 0 0\n$\n",
-                        "Y0 NW\n@1x 0\n$\n",
-                        "Y0 NW\n@9223372036854775808 0\n$\n",
-                        "Y0 NW\n@10 0\n@9 0\n$\n",
-                        "Y0\n@0 0\n$\n",
-                        "Yx NW\n@0 0\n$\n",
-                        "Y0 XW\n@0 0\n$\n",
-                        "Y0 NQ\n@0 0\n$\n",
-                        "Y0 NWW\n@0 0\n$\n",
-                        "Y0 NW 4\n@0 0\n$\n",
-                        "Y0 NW 4G\n@0 0\n$\n",
-                        "Y0 NW 00\n@0 0\n$\n",
-                        repeated("Y0 NW\n", 257) + "@0 0\n$\n",
-                        "Y0 NW\n" + repeated("@5 0\n", 1201) + "$\n"};
+  const Str bodies[] = {
+      // clang-format off
+      "", "Y0 NW\n@0 0\n", "Y0 NW\n@0 0\n$\nB\n", "Y0 NW\n\n@0 0\n$\n", "Y0 NW\n@0 0\nA\n$\n",
+      "y0 NW\n@0 0\n$\n", "@0 0\n$\n", "Y0 NW\n$\n", "Cx\nY0 NW\n$\n", "C0\nZ\nY0 NW\nY0 NW\n$\n",
+      "Y0 NW\n@0 2\n$\n", "Y0 NW\n@1 256\n$\n", "Y0 NW\n@1 -1\n$\n", "Y0 NW\n@1\n$\n",
+      "Y0 NW\n@1 0 0\n$\n", "Y0 NW\n@1x 0\n$\n", "Y0 NW\n@9223372036854775808 0\n$\n",
+      "Y0 NW\n@10 0\n@9 0\n$\n", "Y0\n@0 0\n$\n", "Yx NW\n@0 0\n$\n", "Y0 XW\n@0 0\n$\n",
+      "Y0 NQ\n@0 0\n$\n", "Y0 NWW\n@0 0\n$\n", "Y0 NW 4\n@0 0\n$\n", "Y0 NW 4G\n@0 0\n$\n",
+      "Y0 NW 00\n@0 0\n$\n", repeated("Y0 NW\n", 257) + "@0 0\n$\n",
+      "Y0 NW\n" + repeated("@5 0\n", 1201) + "$\n",
+      // clang-format on
+  };
   for (const Str &body : bodies)
     EXPECT_EQ(deserializeTimezone(HEADER + body), nullptr) << body.substr(0, 40);
   EXPECT_EQ(deserializeTimezone(Str(SERIALIZED_TZ_HEADER) + " \nY0 NW\n@0 0\n$\n"), nullptr);
