@@ -510,9 +510,9 @@ bool parseDuration(uint64_t &out_ms, const Str &text, unsigned flags) {
       out_ms = count / 1000;
       return true;
     }
-    const uint64_t product = count * u.ms;
-    if (product < count) return false;
-    out_ms = product;
+    // A wrapped product can still be larger than count, so test before multiplying.
+    if (count > UINT64_MAX / u.ms) return false;
+    out_ms = count * u.ms;
     return true;
   }
   return false;

@@ -46,6 +46,7 @@ TEST(ParseDuration, CountsUnitsAndFlags) {
   errno = EBADF;
   EXPECT_TRUE(morvek::parseDuration("0 ms", 4, v));  // this form allows zero
   EXPECT_FALSE(morvek::parseDuration("99999999999999999999s", 21, v));
+  EXPECT_FALSE(morvek::parseDuration("36893488147419102 s", 19, v));  // wraps to above the count
   EXPECT_EQ(errno, EBADF);
 }
 
