@@ -1,0 +1,300 @@
+#include "basicutil/TimeFormat.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+
+using morvek::Str;
+using morvek::TimeFormat;
+using morvek::TimeFormatAtom;
+
+namespace {
+
+const char *const WHAT_NAMES[] = {
+    "colon", "sec", "needed", "min", "hhmm",  "epoch", "Y", "C", "y",  "G",   "g",     "either",
+    "m",     "U",   "W",      "V",   "mweek", "d",     "j", "w", "u",  "H",   "I",     "M",
+    "S",     "sub", "a",      "A",   "b",     "B",     "p", "Z", "ws", "lit", "punct", "l",
+};
+
+// Each atom as name, width and padding (s space, 0 zero, - none, . default), then "^" or "#"
+// for the case; text atoms as their quoted text. Joined by blanks.
+std::string describe(const TimeFormat &f) {
+  std::string out;
+  for (const TimeFormatAtom &a : f) {
+    if (!out.empty()) out += ' ';
+    if (a.what == TimeFormat::LITERAL || a.what == TimeFormat::WHITESPACE) {
+      out += (a.what == TimeFormat::LITERAL ? "'" : "ws'") + std::string(a.literal().view()) + "'";
+      continue;
+    }
+    out += WHAT_NAMES[a.what] + std::to_string(a.width) + ".s0-"[a.x.conv.padding];
+    if (a.x.conv.case_mod != 0) out += " ^#"[a.x.conv.case_mod];
+  }
+  return out;
+}
+
+std::string compile(const char *text, bool parse_mode = false) {
+  TimeFormat f;
+  bool ok = parse_mode ? f.setForParse(text, strlen(text)) : f.set(text);
+  return ok ? describe(f) : "REFUSED";
+}
+
+TEST(TimeFormatCompile, EachConversionGivesItsAtom) {
+  struct Case {
+    const char *format, *atoms;
+  } cases[] = {
+      // clang-format off
+      {"%Y", "Y40"}, {"%o", "Y40"}, {"%C", "C20"}, {"%y", "y20"}, {"%G", "G40"}, {"%g", "g20"},
+      {"%m", "m20"}, {"%U", "U20"}, {"%W", "W20"}, {"%V", "V20"}, {"%d", "d20"}, {"%e", "d2s"},
+      {"%j", "j30"}, {"%w", "w1."}, {"%u", "u1."}, {"%H", "H20"}, {"%k", "H2s"}, {"%I", "I20"},
+      {"%l", "I2s"}, {"%M", "M20"}, {"%S", "S20"}, {"%s", "epoch00"}, {"%N", "sub90"},
+      {"%Q", "sub30"}, {"%f", "sub60"}, {"%q", "sub60"}, {"%a", "a3s"}, {"%A", "A0s"},
+      {"%b", "b3s"}, {"%h", "b3s"}, {"%B", "B0s"}, {"%Z", "Z0s"}, {"%p", "p2s^"}, {"%P", "p2s"},
+      {"%z", "hhmm50"}, {"%:z", "colon60"}, {"%::z", "sec90"}, {"%:::z", "needed00"},
+      {"%Ez", "min4-"}, {"%n", "ws'\n'"}, {"%t", "ws'\t'"}, {"%%", "'%'"},
+      {"%D", "m20 '/' d20 '/' y20"}, {"%x", "m20 '/' d20 '/' y20"},
+      {"%F", "Y40 '-' m20 '-' d20"}, {"%T", "H20 ':' M20 ':' S20"}, {"%X", "H20 ':' M20 ':' S20"},
+      {"%EX", "H20 ':' M20 ':' S20"}, {"%R", "H20 ':' M20"},
+      {"%r", "I20 ':' M20 ':' S20 ' ' p2s^"}, {"%v", "d2s '-' b3s '-' Y4s"},
+      {"%c", "a3s ' ' b3s ' ' d2s ' ' H20 ':' M20 ':' S20 ' ' Y20"},
+      {"%+", "a3s ' ' b3s ' ' d2s ' ' H20 ':' M20 ':' S20 ' ' Z0s ' ' Y20"},
+      {"%^c", "a3s^ ' ' b3s^ ' ' d2s ' ' H20 ':' M20 ':' S20 ' ' Y20"},
+      {"%#c", "A0s ', ' B0s ' ' d2- ', ' Y4- ', ' H2- ':' M20 ':' S20"},
+      {"%#x", "A0s ', ' B0s ' ' d2- ', ' Y4-"},
+      // clang-format on
+  };
+  for (const Case &c : cases) EXPECT_EQ(compile(c.format), c.atoms) << c.format;
+  // Compiled for reading, the year of %x may have two or four digits.
+  EXPECT_EQ(compile("%x", true), "m20 '/' d20 '/' either20");
+  EXPECT_EQ(compile("%#x", true), "A0s ', ' B0s ' ' d2- ', ' either2-");
+  EXPECT_EQ(compile("%D", true), "m20 '/' d20 '/' y20");
+}
+
+TEST(TimeFormatCompile, FlagsWidthsAndModifiers) {
+  struct Case {
+    const char *format, *atoms;
+  } cases[] = {
+      // clang-format off
+      {"%_d", "d2s"}, {"%-d", "d2-"}, {"%#d", "d2-#"}, {"%#H", "H2-#"}, {"%#j", "j3-#"},
+      {"%#_d", "d2s#"}, {"%#e", "d2s#"}, {"%#C", "C20#"}, {"%05d", "d50"}, {"%10Y", "Y100"},
+      {"%-10Y", "Y10-"}, {"%^a", "a3s^"}, {"%#Z", "Z0s#"}, {"%5b", "b5s"}, {"%2a", "a2s"},
+      {"%-a", "a3-"}, {"%#p", "p2s"}, {"%^P", "p2s^"}, {"%0Q", "sub30"}, {"%12N", "sub120"},
+      {"%_z", "hhmm5s"}, {"%-:z", "colon6-"}, {"%7Ez", "min7-"}, {"%_Ez", "min4s"},
+      {"%EY", "Y40"}, {"%Ey", "y20"}, {"%EC", "C20"}, {"%Oy", "y20"}, {"%Od", "d20"},
+      {"%Oe", "d2s"}, {"%OH", "H20"}, {"%OB", "B0s"}, {"%Ou", "u1."}, {"%OV", "V20"},
+      {"%Ec", "a3s ' ' b3s ' ' d2s ' ' H20 ':' M20 ':' S20 ' ' Y20"},
+      // clang-format on
+  };
+  for (const Case &c : cases) EXPECT_EQ(compile(c.format), c.atoms) << c.format;
+}
+
+TEST(TimeFormatCompile, LiteralTextMergesIntoRuns) {
+  struct Case {
+    const char *format, *atoms;
+  } cases[] = {
+      {"", ""},
+      {"at noon", "'at noon'"},
+      {"100%% sure%n", "'100% sure' ws'\n'"},
+      {"%%%%", "'%%'"},
+      {"[%H]h", "'[' H20 ']h'"},
+      {"%T.%Q", "H20 ':' M20 ':' S20 '.' sub30"},
+      {"a%tb", "'a' ws'\t' 'b'"},
+  };
+  for (const Case &c : cases) EXPECT_EQ(compile(c.format), c.atoms) << c.format;
+}
+
+TEST(TimeFormatCompile, MillisecondsOrTwelveHourClock) {
+  struct Case {
+    const char *format, *atoms;
+  } cases[] = {
+      {"%s.%l", "epoch00 '.' sub30"},
+      {"%s%l", "epoch00 sub30"},
+      {"%S,%l", "S20 ',' sub30"},
+      {"%H:%M:%S.%l", "H20 ':' M20 ':' S20 '.' sub30"},
+      {"%T.%l", "H20 ':' M20 ':' S20 '.' sub30"},
+      {"%H:%l", "H20 ':' I2s"},
+      {"%M:%S.%l", "M20 ':' S20 '.' I2s"},
+      {"%l:%M:%S.%l", "I2s ':' M20 ':' S20 '.' sub30"},
+      {"%S.%l", "S20 '.' sub30"},
+      {"%S..%l", "S20 '..' I2s"},
+      {"%S.%3l", "S20 '.' I3s"},
+      {"%S.%_l", "S20 '.' I2s"},
+      {"%S.%-l", "S20 '.' I2-"},
+  };
+  for (const Case &c : cases) EXPECT_EQ(compile(c.format), c.atoms) << c.format;
+}
+
+TEST(TimeFormatCompile, RefusesWhatItCannotHonour) {
+  const char *refused[] = {
+      "%",      "%5",
+      "%_",     "abc%",
+      "%E",     "%:",
+      "%::",    "%-%",
+      "%5%",    "%^%",
+      "%::::z", "%:y",
+      "%:Z",    "%1a",
+      "%1b",    "%2b",
+      "%2h",    "%0A",
+      "%0a",    "%0b",
+      "%0B",    "%0Z",
+      "%0p",    "%_Q",
+      "%-N",    "%_f",
+      "%5T",    "%_D",
+      "%0F",    "%-c",
+      "%OT",    "%Oc",
+      "%ED",    "%ET",
+      "%EF",    "%5n",
+      "%-t",    "%En",
+      "%Ea",    "%EH",
+      "%OY",    "%OC",
+      "%Oj",    "%Ob",
+      "%OA",    "%Oa",
+      "%Op",    "%OZ",
+      "%Os",    "%OQ",
+      "%Ol",    "%El",
+      "%Oz",    "%E:z",
+      "%5^d",   "%E^d",
+      "%^#d",   "%^^d",
+      "%5_d",   "%E-d",
+      "%__d",   "%-0d",
+      "%00d",   "%E0d",
+      "%E5d",   "%EEy",
+      "%EOy",   "%i",
+      "%J",     "%K",
+      "%L",     "%y%",
+      "%4097d", "%99999999999999999999999d",
+      "%\xff",  "% d",
+  };
+  for (const char *format : refused) EXPECT_EQ(compile(format), "REFUSED") << format;
+  // The modifier check accepts "%Od" alone but not after a refused neighbour.
+  EXPECT_NE(compile("%Od"), "REFUSED");
+  EXPECT_EQ(compile("%Od%Ed"), "REFUSED");
+  EXPECT_NE(compile("%4096d"), "REFUSED");
+}
+
+TEST(TimeFormatCompile, WidthsAndResolutions) {
+  struct Case {
+    const char *format;
+    uint64_t max_width;
+    int finest, coarsest;
+  } cases[] = {
+      {"", 0, -7, 1},       {"text", 4, -7, 1},         {"%Y", 4, -6, -6},
+      {"%Y-%m", 7, -5, -6}, {"%b %Y", 8, -5, -6},       {"%B", 9, -5, -5},
+      {"%12B", 12, -5, -5}, {"%G-W%V", 8, -4, -6},      {"%U", 2, -4, -4},
+      {"%a %d", 6, -3, -3}, {"%A", 9, -3, -3},          {"%j", 3, -3, -3},
+      {"%H", 2, -2, -2},    {"%I %p", 5, -2, -2},       {"%R", 5, -1, -2},
+      {"%T", 8, 0, -2},     {"%s", 10, 0, 0},           {"%12s", 12, 0, 0},
+      {"%s.%6Q", 17, 6, 0}, {"%S.%N", 12, 9, 0},        {"%Q", 3, 3, 1},
+      {"%Z %z", 9, -7, 1},  {"%:::z %p", 12, -7, 1},    {"%c", 22, 0, -6},
+      {"%+", 26, 0, -6},    {"%FT%T.%Q%:z", 29, 3, -6},
+  };
+  for (const Case &c : cases) {
+    TimeFormat f;
+    ASSERT_TRUE(f.set(c.format)) << c.format;
+    EXPECT_EQ(f.max_width(), c.max_width) << c.format;
+    EXPECT_EQ(f.finest(), c.finest) << c.format;
+    EXPECT_EQ(f.coarsest(), c.coarsest) << c.format;
+  }
+}
+
+TEST(TimeFormatCompile, EmptyAndFailedObjects) {
+  TimeFormat f;
+  EXPECT_FALSE(f.compiled());
+  ASSERT_TRUE(f.set(""));
+  EXPECT_TRUE(f.compiled());
+  EXPECT_TRUE(f.empty());
+  EXPECT_EQ(f.finest(), TimeFormat::RES_NONE);
+  // A failed set leaves nothing of the previous format.
+  ASSERT_TRUE(f.set("%H:%M"));
+  EXPECT_FALSE(f.set("%H:%2b"));
+  EXPECT_FALSE(f.compiled());
+  EXPECT_EQ(f.size(), 0u);
+  EXPECT_EQ(f.max_width(), 0u);
+  EXPECT_EQ(f.coarsest(), 1);
+}
+
+TEST(TimeFormatCompile, CopiesAndMovesKeepTheirOwnLiterals) {
+  // Short literal text lives inside the object, so a copy or move must re-point its atoms.
+  for (const char *text : {"[%H] h", "%d of a longer literal text than the short form %m"}) {
+    TimeFormat original(text);
+    const std::string expected = describe(original);
+    auto copy = std::make_unique<TimeFormat>(original);
+    TimeFormat moved(std::move(*copy));
+    copy.reset();
+    EXPECT_EQ(describe(moved), expected);
+    EXPECT_FALSE(original.empty());
+    TimeFormat assigned;
+    assigned = moved;
+    moved = TimeFormat("%S");
+    EXPECT_EQ(describe(assigned), expected);
+    for (const TimeFormatAtom &a : assigned) {
+      if (a.what != TimeFormat::LITERAL) continue;
+      const char *p = a.x.text;
+      EXPECT_FALSE(p >= reinterpret_cast<const char *>(&original) &&
+                   p < reinterpret_cast<const char *>(&original + 1));
+    }
+  }
+}
+
+TEST(TimeFormatCompile, JavaPatterns) {
+  struct Case {
+    const char *format, *java;
+  } cases[] = {
+      // clang-format off
+      {"%Y-%m-%d %H:%M:%S.%Q", "yyyy-MM-dd HH:mm:ss.SSS"}, {"%y/%1Y", "yy/y"},
+      {"%d at %I%p", "dd' at 'hha"}, {"%a, %b %-d %Z", "E, MMM dd zzz"}, {"%A %B", "E MMM"},
+      {"%T%z|%:z", "HH:mm:ssZ|ZZ"}, {"%w", ""}, {"%e", ""}, {"%P", ""}, {"%j", ""}, {"%::z", ""},
+      {"%s", ""}, {"%n", ""}, {"it's %H o'clock", "'it''s 'HH' o''clock'"}, {"''", "''''"},
+      {"%x", "MM/dd/yy"}, {"%S,%f", "ss,SSSSSS"},
+      // clang-format on
+  };
+  for (const Case &c : cases) {
+    TimeFormat f(c.format);
+    Str out("stale");
+    EXPECT_EQ(f.toJavaPattern(out), *c.java != '\0') << c.format;
+    EXPECT_EQ(out, c.java) << c.format;
+  }
+}
+
+TEST(TimeFormatCompile, WholeFormatNames) {
+  const char *names[] = {"%UT",    "%UT.%Q", "%UT.%3Q", "%UT.%6Q", "%UT.%9Q", "%s",     "%s.%Q",
+                         "%s.%3Q", "%s.%6Q", "%s.%9Q",  "%UT%Q",   "%UT%3Q",  "%UT%6Q", "%UT%9Q",
+                         "%s%Q",   "%s%3Q",  "%s%6Q",   "%s%9Q",   "%ST"};
+  for (int i = 0; i < TimeFormat::WHOLE_FORMAT_COUNT; ++i) {
+    EXPECT_EQ(TimeFormat::wholeFormatIndex(names[i]), i);
+    Str out;
+    TimeFormat::appendWholeFormatName(out, i);
+    EXPECT_EQ(out, i == 2 ? "UT.%3Q" : names[i]);
+  }
+  for (const char *other : {"%UT.", "%s ", "", "UT", "%S"}) {
+    EXPECT_EQ(TimeFormat::wholeFormatIndex(other), -1) << other;
+  }
+  Str out("x");
+  TimeFormat::appendWholeFormatName(out, 19);
+  EXPECT_EQ(out, "xUnknown Morvek Time Format: 19");
+}
+
+TEST(TimeFormatCompile, StandardFormatsAreReady) {
+  struct Case {
+    morvek::StandardTimeFormat which;
+    size_t atoms;
+    uint64_t max_width;
+  } cases[] = {
+      {morvek::TIMEFORMAT_ISO8601, 12, 25}, {morvek::TIMEFORMAT_ISO8601_MILLIS, 14, 29},
+      {morvek::TIMEFORMAT_COOKIE, 14, 33},  {morvek::TIMEFORMAT_HTTP, 14, 29},
+      {morvek::TIMEFORMAT_ASCTIME, 13, 24}, {morvek::TIMEFORMAT_ASCTIME_OFFSET, 15, 30},
+  };
+  for (const Case &c : cases) {
+    const TimeFormat &f = morvek::standardTimeFormat(c.which);
+    EXPECT_EQ(f.size(), c.atoms) << c.which;
+    EXPECT_EQ(f.max_width(), c.max_width) << c.which;
+  }
+}
+
+TEST(TimeFormatCompileDeathTest, ConstructorAbortsOnABadFormat) {
+  EXPECT_DEATH(TimeFormat("%H:%2b"), "cannot compile the format \"%H:%2b\"");
+}
+
+}  // namespace
