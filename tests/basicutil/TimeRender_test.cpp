@@ -17,30 +17,13 @@
 #include "basicutil/TimeFormat.h"
 #include "basicutil/Timeval.h"
 #include "basicutil/Timezone.h"
+#include "testutil.h"
 
 using namespace morvek;
 
 namespace {
 
-struct ScopedTz {
-  explicit ScopedTz(const char *zone) {
-    const char *old = getenv("TZ");
-    had = old != nullptr;
-    if (had) saved = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTz() {
-    if (had) {
-      setenv("TZ", saved.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-  bool had;
-  std::string saved;
-};
+using testutil::ScopedTz;
 
 std::string renderIn(const char *format, const char *zone, Timeval t) {
   TimeFormat f;

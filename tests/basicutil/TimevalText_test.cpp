@@ -15,6 +15,7 @@
 #include "basicutil/Str.h"
 #include "basicutil/Timeval.h"
 #include "basicutil/Timezone.h"
+#include "testutil.h"
 
 using namespace morvek;
 using testing::ElementsAre;
@@ -51,26 +52,7 @@ struct TimevalWarnings {
   ScopedLogObserverRegistration reg{&channel(), &rec};
 };
 
-// Runs with TZ set, restoring the previous value.
-struct ScopedTz {
-  explicit ScopedTz(const char *zone) {
-    const char *old = getenv("TZ");
-    had = old != nullptr;
-    if (had) saved = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTz() {
-    if (had) {
-      setenv("TZ", saved.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-  bool had;
-  std::string saved;
-};
+using testutil::ScopedTz;
 
 TEST(TimevalSortable, FixedForms) {
   const Timeval before1601(-20000000000, 0), past40bits(INT64_MAX - 1, 0);
