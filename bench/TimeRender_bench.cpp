@@ -51,6 +51,14 @@ const std::vector<Timeval> &instants() {
   return v;
 }
 
+// Runs f on the instants in turn, one per iteration.
+template <typename F>
+void eachInstant(benchmark::State &state, F &&f) {
+  const std::vector<Timeval> &at = instants();
+  size_t i = 0;
+  for (auto _ : state) f(at[i++ % SAMPLES]);
+}
+
 const TimeFormat &isoFormat() {
   static const TimeFormat f("%Y-%m-%dT%H:%M:%S.%6N%:z");
   return f;
@@ -63,19 +71,28 @@ void setTz(const char *zone) {
 
 void isoOurs(benchmark::State &state, const char *zone) {
   const TimezoneData *tz = zone ? getTimezone(zone) : nullptr;
-  const std::vector<Timeval> &at = instants();
   Str out;
-  size_t i = 0;
-  for (auto _ : state) {
+  eachInstant(state, [&](const Timeval &t) {
     out.clear();
-    const Timeval &t = at[i++ % SAMPLES];
     if (tz != nullptr) {
       render(isoFormat(), out, t, tz);
     } else {
       renderUtc(isoFormat(), out, t);
     }
     benchmark::DoNotOptimize(out.data());
+  });
+}
+
+// glibc's fields for t: localtime_r in the zone TZ names, or gmtime_r.
+struct tm platformFields(const Timeval &t, bool local) {
+  const time_t tt = static_cast<time_t>(t.seconds());
+  struct tm tm;
+  if (local) {
+    localtime_r(&tt, &tm);
+  } else {
+    gmtime_r(&tt, &tm);
   }
+  return tm;
 }
 
 // ".uuuuuu" and "+hh:mm", as strftime can't.
@@ -95,40 +112,28 @@ size_t appendFractionAndOffset(char *p, int32_t usec, long gmtoff) {
 
 void isoStrftime(benchmark::State &state, const char *zone) {
   setTz(zone ? zone : "UTC");
-  const std::vector<Timeval> &at = instants();
   Str out;
-  size_t i = 0;
-  for (auto _ : state) {
-    const Timeval &t = at[i++ % SAMPLES];
-    const time_t tt = static_cast<time_t>(t.seconds());
-    struct tm tm;
-    if (zone) {
-      localtime_r(&tt, &tm);
-    } else {
-      gmtime_r(&tt, &tm);
-    }
+  eachInstant(state, [&](const Timeval &t) {
+    const struct tm tm = platformFields(t, zone != nullptr);
     char buf[64];
     size_t n = strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &tm);
     n += appendFractionAndOffset(buf + n, t.microseconds(), tm.tm_gmtoff);
     out.assign(buf, n);
     benchmark::DoNotOptimize(out.data());
-  }
+  });
 }
 
 #ifdef MORVEK_BENCH_HAVE_CCTZ
 void isoCctz(benchmark::State &state, const char *zone) {
   cctz::time_zone tz = cctz::utc_time_zone();
   if (zone) cctz::load_time_zone(zone, &tz);
-  const std::vector<Timeval> &at = instants();
   std::string out;
-  size_t i = 0;
-  for (auto _ : state) {
-    const Timeval &t = at[i++ % SAMPLES];
+  eachInstant(state, [&](const Timeval &t) {
     const auto tp = std::chrono::system_clock::time_point(
         std::chrono::microseconds(t.seconds() * 1000000 + t.microseconds()));
     out = cctz::format("%Y-%m-%dT%H:%M:%E6S%Ez", tp, tz);
     benchmark::DoNotOptimize(out.data());
-  }
+  });
 }
 #endif
 
@@ -136,64 +141,51 @@ void isoCctz(benchmark::State &state, const char *zone) {
 // fmt has no zone database: New York's fields come from localtime_r, as a caller would get them.
 void isoFmt(benchmark::State &state, const char *zone) {
   setTz(zone ? zone : "UTC");
-  const std::vector<Timeval> &at = instants();
   std::string out;
-  size_t i = 0;
-  for (auto _ : state) {
-    const Timeval &t = at[i++ % SAMPLES];
-    const time_t tt = static_cast<time_t>(t.seconds());
-    struct tm tm;
-    if (zone) {
-      localtime_r(&tt, &tm);
-    } else {
-      gmtime_r(&tt, &tm);
-    }
+  eachInstant(state, [&](const Timeval &t) {
+    const struct tm tm = platformFields(t, zone != nullptr);
     // fmt 9 has no colon offset for a tm; its integer formatting writes one.
     const long abs = tm.tm_gmtoff < 0 ? -tm.tm_gmtoff : tm.tm_gmtoff;
     out = fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}{}{:02}:{:02}", tm, t.microseconds(),
                       tm.tm_gmtoff < 0 ? '-' : '+', abs / 3600, abs / 60 % 60);
     benchmark::DoNotOptimize(out.data());
-  }
+  });
 }
 #endif
 
 #ifdef MORVEK_BENCH_HAVE_DATE_TZ
 void isoDate(benchmark::State &state, const char *zone) {
   const date::time_zone *tz = date::locate_zone(zone ? zone : "UTC");
-  const std::vector<Timeval> &at = instants();
   std::string out;
-  size_t i = 0;
-  for (auto _ : state) {
-    const Timeval &t = at[i++ % SAMPLES];
+  eachInstant(state, [&](const Timeval &t) {
     const date::sys_time<std::chrono::microseconds> tp{
         std::chrono::microseconds(t.seconds() * 1000000 + t.microseconds())};
     out = date::format("%FT%T%Ez", date::make_zoned(tz, tp));
     benchmark::DoNotOptimize(out.data());
-  }
+  });
 }
 #endif
 
 // ---- Text forms of a Timeval.
 
-void sortableOurs(benchmark::State &state) {
-  const std::vector<Timeval> &at = instants();
+// Runs f on each instant with a cleared string.
+template <typename F>
+void eachIntoString(benchmark::State &state, F &&f) {
   Str out;
-  size_t i = 0;
-  for (auto _ : state) {
+  eachInstant(state, [&](const Timeval &t) {
     out.clear();
-    at[i++ % SAMPLES].toSortableString(out);
+    f(t, out);
     benchmark::DoNotOptimize(out.data());
-  }
+  });
+}
+
+void sortableOurs(benchmark::State &state) {
+  eachIntoString(state, [](const Timeval &t, Str &out) { t.toSortableString(out); });
 }
 
 // The same fourteen base-32 digits through std::to_chars (lower-case letters), zero-padded.
 void sortableToChars(benchmark::State &state) {
-  const std::vector<Timeval> &at = instants();
-  Str out;
-  size_t i = 0;
-  for (auto _ : state) {
-    out.clear();
-    const Timeval &t = at[i++ % SAMPLES];
+  eachIntoString(state, [](const Timeval &t, Str &out) {
     char buf[14], digits[16];
     memset(buf, '0', sizeof buf);
     auto r = std::to_chars(digits, digits + sizeof digits,
@@ -202,28 +194,15 @@ void sortableToChars(benchmark::State &state) {
     r = std::to_chars(digits, digits + sizeof digits, t.microseconds() * 1000, 32);
     memcpy(buf + 14 - (r.ptr - digits), digits, static_cast<size_t>(r.ptr - digits));
     out.append(buf, sizeof buf);
-    benchmark::DoNotOptimize(out.data());
-  }
+  });
 }
 
 void decimalOurs(benchmark::State &state) {
-  const std::vector<Timeval> &at = instants();
-  Str out;
-  size_t i = 0;
-  for (auto _ : state) {
-    out.clear();
-    at[i++ % SAMPLES].renderDecimal(out, 6);
-    benchmark::DoNotOptimize(out.data());
-  }
+  eachIntoString(state, [](const Timeval &t, Str &out) { t.renderDecimal(out, 6); });
 }
 
 void decimalToChars(benchmark::State &state) {
-  const std::vector<Timeval> &at = instants();
-  Str out;
-  size_t i = 0;
-  for (auto _ : state) {
-    out.clear();
-    const Timeval &t = at[i++ % SAMPLES];
+  eachIntoString(state, [](const Timeval &t, Str &out) {
     char buf[32];
     char *p = std::to_chars(buf, buf + 20, t.seconds()).ptr;
     *p++ = '.';
@@ -233,8 +212,7 @@ void decimalToChars(benchmark::State &state) {
     memset(p, '0', 6 - n);
     memcpy(p + 6 - n, frac, n);
     out.append(buf, static_cast<size_t>(p + 6 - buf));
-    benchmark::DoNotOptimize(out.data());
-  }
+  });
 }
 
 }  // namespace
