@@ -178,4 +178,21 @@ Watchdog::~Watchdog() {
   _thread.join();
 }
 
+ScopedTz::ScopedTz(const char *zone) {
+  const char *old = getenv("TZ");
+  _had = old != nullptr;
+  if (_had) _saved = old;
+  setenv("TZ", zone, 1);
+  tzset();
+}
+
+ScopedTz::~ScopedTz() {
+  if (_had) {
+    setenv("TZ", _saved.c_str(), 1);
+  } else {
+    unsetenv("TZ");
+  }
+  tzset();
+}
+
 }  // namespace testutil

@@ -84,4 +84,15 @@ class Watchdog {
   std::thread _thread;
 };
 
+// Sets TZ (and calls tzset) for its lifetime, then restores the previous value or its absence.
+class ScopedTz {
+ public:
+  explicit ScopedTz(const char *zone);
+  ~ScopedTz();
+
+ private:
+  bool _had;
+  std::string _saved;
+};
+
 }  // namespace testutil
