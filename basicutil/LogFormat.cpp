@@ -8,6 +8,8 @@
 #include "basicutil/BasicConversions.h"
 #include "basicutil/Logger.h"
 #include "basicutil/Thread.h"
+#include "basicutil/TimeFormat.h"
+#include "basicutil/TimeRender.h"
 #include "libzero/fatal-assert.h"
 
 namespace morvek {
@@ -20,136 +22,16 @@ constexpr uint32_t MAX_MIN_WIDTH = 65536;
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// Dates. The one seam between layouts and time rendering: a compiled date format and the call
-// that renders a broken-down local time through it. Until the library's TimeFormat renders,
-// this understands the conversions that log dates use; a format with any other is refused at
-// compile time, and the layout falls back to the default.
+// Dates: a compiled TimeFormat rendered for the record's local time by the library's renderer.
 
 struct LogDateFormat {
-  Str format;
+  TimeFormat format;
 };
 
 namespace {
 
-const char DATE_CONVERSIONS[] = "YmdHMSlbBaAyejpIsQfTF%";
-
-bool compileLogDate(StrSegment text, LogDateFormat &out) {
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') continue;
-    if (++i == text.size() || strchr(DATE_CONVERSIONS, text[i]) == nullptr) return false;
-  }
-  out.format = Str(text);
-  return true;
-}
-
-void append2(Str &out, int v, char pad = '0') {
-  out.push_back(v >= 10 ? static_cast<char>('0' + v / 10 % 10) : pad);
-  out.push_back(static_cast<char>('0' + v % 10));
-}
-
-void appendPadded(Str &out, long long v, int width) {
-  char buf[24];
-  size_t n = writeDecimalI64(buf, v);
-  for (int i = static_cast<int>(n); i < width; ++i) out.push_back('0');
-  out.append(buf, n);
-}
-
-const char *const MONTHS[] = {"January",   "February", "March",    "April",
-                              "May",       "June",     "July",     "August",
-                              "September", "October",  "November", "December"};
-const char *const DAYS[] = {"Sunday",   "Monday", "Tuesday", "Wednesday",
-                            "Thursday", "Friday", "Saturday"};
-
 void renderLogDate(Str &out, const LogDateFormat &f, const struct tm &tm, int32_t usec) {
-  const Str &s = f.format;
-  for (size_t i = 0; i < s.size(); ++i) {
-    if (s[i] != '%' || i + 1 == s.size()) {
-      out.push_back(s[i]);
-      continue;
-    }
-    char c = s[++i];
-    switch (c) {
-      case 'Y':
-        appendPadded(out, tm.tm_year + 1900LL, 4);
-        break;
-      case 'y':
-        append2(out, (tm.tm_year + 1900) % 100);
-        break;
-      case 'm':
-        append2(out, tm.tm_mon + 1);
-        break;
-      case 'd':
-        append2(out, tm.tm_mday);
-        break;
-      case 'e':
-        append2(out, tm.tm_mday, ' ');
-        break;
-      case 'j':
-        appendPadded(out, tm.tm_yday + 1, 3);
-        break;
-      case 'H':
-        append2(out, tm.tm_hour);
-        break;
-      case 'I':
-        append2(out, (tm.tm_hour + 11) % 12 + 1);
-        break;
-      case 'M':
-        append2(out, tm.tm_min);
-        break;
-      case 'S':
-        append2(out, tm.tm_sec);
-        break;
-      case 'p':
-        out.append(tm.tm_hour < 12 ? "AM" : "PM");
-        break;
-      case 'b':
-        out.append(MONTHS[tm.tm_mon % 12], 3);
-        break;
-      case 'B':
-        out.append(MONTHS[tm.tm_mon % 12]);
-        break;
-      case 'a':
-        out.append(DAYS[tm.tm_wday % 7], 3);
-        break;
-      case 'A':
-        out.append(DAYS[tm.tm_wday % 7]);
-        break;
-      case 'Q':
-        appendPadded(out, usec / 1000, 3);
-        break;
-      case 'f':
-        appendPadded(out, usec, 6);
-        break;
-      case 's':
-        appendPadded(
-            out, static_cast<long long>(timegm(const_cast<struct tm *>(&tm))) - tm.tm_gmtoff, 1);
-        break;
-      case 'T':
-        append2(out, tm.tm_hour), out.push_back(':'), append2(out, tm.tm_min);
-        out.push_back(':'), append2(out, tm.tm_sec);
-        break;
-      case 'F':
-        appendPadded(out, tm.tm_year + 1900LL, 4), out.push_back('-');
-        append2(out, tm.tm_mon + 1), out.push_back('-'), append2(out, tm.tm_mday);
-        break;
-      case 'l': {
-        // Milliseconds behind seconds ("%S,%l", "%s.%l"), otherwise the 12-hour clock.
-        bool milli = i >= 3 && (s[i - 2] == 'S' || s[i - 2] == 's') && s[i - 3] == '%';
-        if (!milli && i >= 4 && (s[i - 2] == '.' || s[i - 2] == ',')) {
-          milli = s[i - 4] == '%' && (s[i - 3] == 'S' || s[i - 3] == 's');
-        }
-        if (milli) {
-          appendPadded(out, usec / 1000, 3);
-        } else {
-          append2(out, (tm.tm_hour + 11) % 12 + 1, ' ');
-        }
-        break;
-      }
-      default:
-        out.push_back(c);
-        break;  // "%%"
-    }
-  }
+  render(f.format, out, tm, usec, TIME_RENDER_LOCAL);
 }
 
 // The platform's conversion takes a process-wide lock and looks at the zone each time; records
@@ -178,7 +60,7 @@ LogDateFormat *makeLogDate(const char *brace, size_t len) {
     text = "%H:%M:%S,%l";
   }
   auto *f = new LogDateFormat;
-  if (!compileLogDate(text, *f)) compileLogDate(DEFAULT_DATE_FORMAT, *f);
+  if (!f->format.set(text)) f->format.set(DEFAULT_DATE_FORMAT);
   return f;
 }
 
