@@ -9,6 +9,8 @@
 
 namespace morvek {
 
+struct TimeFormatRawParseResult;
+
 class Str;
 class TimezoneData;
 struct DurationDescription;
@@ -309,5 +311,14 @@ struct StructTmInTimezoneHires : StructTmInTimezone {
   Timeval toUnixTime();
   int32_t tv_usec = 0;
 };
+
+// The record makers: the seven calendar fields of the raw parser's record (year with 1900 added,
+// 0-based month, day of the month, weekday with 0 = Sunday, hour, minute, second) from an instant
+// in UTC or from a zone-aware broken-down time. Nothing else of the record is touched, the HAVE_
+// bits included. 1710054000 gives 2024, 2 (March), 10, 0 (Sunday), 7, 0, 0; in New York the
+// StructTmInTimezone of that instant gives 2024, 2, 10, 0, 3, 0, 0. False, writing nothing, for
+// an instant the UTC breakdown refuses (past the year 3000 limit).
+bool rawRecordFromSeconds(int64_t seconds, TimeFormatRawParseResult &r);
+void rawRecordFromTm(const struct tm &tm, TimeFormatRawParseResult &r);
 
 }  // namespace morvek

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "basicutil/BasicConversions.h"
+#include "basicutil/DateTime.h"
 #include "basicutil/Logger.h"
 #include "basicutil/Str.h"
 #include "basicutil/Timeval.h"
@@ -382,6 +383,23 @@ bool StructTmInTimezoneHires::fromUnixTime(const Timeval &t) {
 
 Timeval StructTmInTimezoneHires::toUnixTime() {
   return zoneToUnixTime(*this, "StructTmInTimezoneHires::toUnixTime", tv_usec);
+}
+
+void rawRecordFromTm(const struct tm &tm, TimeFormatRawParseResult &r) {
+  r.year = tm.tm_year + 1900;
+  r.month = tm.tm_mon;
+  r.monthday = tm.tm_mday;
+  r.weekday = tm.tm_wday;
+  r.hour = tm.tm_hour;
+  r.minute = tm.tm_min;
+  r.second = tm.tm_sec;
+}
+
+bool rawRecordFromSeconds(int64_t seconds, TimeFormatRawParseResult &r) {
+  struct tm tm;
+  if (!breakDownUtc(seconds, tm)) return false;
+  rawRecordFromTm(tm, r);
+  return true;
 }
 
 }  // namespace morvek

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "basicutil/DateTime.h"
 #include "basicutil/Logger.h"
 #include "basicutil/Str.h"
 #include "basicutil/Timeval.h"
@@ -386,3 +387,26 @@ TEST(TimevalBrokenDown, ZoneWithoutTypes) {
 }
 
 }  // namespace
+
+// The record makers fill exactly the seven calendar fields, in UTC or in the zone's wall time.
+TEST(TimevalBrokenDown, RecordMakers) {
+  const TimezoneData *ny = getTimezone("America/New_York");
+  ASSERT_NE(ny, nullptr);
+  auto fields = [](const TimeFormatRawParseResult &r) {
+    return std::vector<int>{r.year, r.month, r.monthday, r.weekday, r.hour, r.minute, r.second};
+  };
+  TimeFormatRawParseResult r{};
+  r.have = TimeFormatRawParseResult::HAVE_TZOFF;
+  ASSERT_TRUE(rawRecordFromSeconds(1710054000, r));
+  EXPECT_EQ(fields(r), (std::vector<int>{2024, 2, 10, 0, 7, 0, 0}));
+  EXPECT_EQ(r.have, TimeFormatRawParseResult::HAVE_TZOFF);
+  ASSERT_TRUE(rawRecordFromSeconds(-1, r));
+  EXPECT_EQ(fields(r), (std::vector<int>{1969, 11, 31, 3, 23, 59, 59}));
+  EXPECT_FALSE(rawRecordFromSeconds(32535244800, r));
+  EXPECT_EQ(fields(r), (std::vector<int>{1969, 11, 31, 3, 23, 59, 59}));
+
+  StructTmInTimezone tm(ny);
+  ASSERT_TRUE(tm.fromUnixTime(1710054000));
+  rawRecordFromTm(tm, r);
+  EXPECT_EQ(fields(r), (std::vector<int>{2024, 2, 10, 0, 3, 0, 0}));
+}
