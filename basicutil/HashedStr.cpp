@@ -1,5 +1,6 @@
 #include "basicutil/HashedStr.h"
 
+#include <array>
 #include <cstddef>
 #include <limits>
 #include <stdexcept>
@@ -23,14 +24,20 @@ inline unsigned char foldAscii(unsigned char c) {
 }
 
 #if defined(__SSE2__)
-// Sixteen steps at once: h * 33^16 plus the block's own polynomial. The bytes are weighted in
-// the vector unit, pairs by 33 and then pairs of pairs by 33^2, leaving four sums of four bytes
-// for the scalar multiplies. Every partial sum is exact (under 2^23), so the result is the same
-// value mod 2^64 as the byte loop.
+// 33^k for k = 0 to 16.
+constexpr auto POW33 = [] {
+  std::array<uint64_t, 17> t{};
+  t[0] = 1;
+  for (size_t k = 1; k < t.size(); ++k) t[k] = t[k - 1] * 33;
+  return t;
+}();
+
+// The polynomial of sixteen bytes, c0 * 33^15 + ... + c15. The bytes are weighted in the vector
+// unit, pairs by 33 and then pairs of pairs by 33^2, leaving four sums of four bytes for the
+// scalar multiplies. Every partial sum is exact (under 2^23), so the value is the byte loop's
+// mod 2^64. Zero bytes in front add nothing, which is how a short tail is taken.
 template <bool kCaseless>
-inline uint64_t hashBlock16(const unsigned char *p, uint64_t h) {
-  constexpr uint64_t P4 = 1185921, P8 = P4 * P4, P12 = P8 * P4, P16 = P8 * P8;
-  __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+inline uint64_t blockPolynomial(__m128i v) {
   if (kCaseless) {
     __m128i upper = _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('A' - 1)),
                                   _mm_cmplt_epi8(v, _mm_set1_epi8('Z' + 1)));
@@ -44,7 +51,7 @@ inline uint64_t hashBlock16(const unsigned char *p, uint64_t h) {
   alignas(16) int32_t q[4];
   _mm_store_si128(reinterpret_cast<__m128i *>(q), quads);
   auto wide = [](int32_t x) { return static_cast<uint64_t>(static_cast<int64_t>(x)); };
-  return h * P16 + wide(q[0]) * P12 + wide(q[1]) * P8 + wide(q[2]) * P4 + wide(q[3]);
+  return wide(q[0]) * POW33[12] + wide(q[1]) * POW33[8] + wide(q[2]) * POW33[4] + wide(q[3]);
 }
 #endif
 
@@ -54,7 +61,21 @@ uint64_t hashLoop(const unsigned char *p, size_t len, uint64_t h) {
   auto byte = [](unsigned char c) { return signedByte(kCaseless ? foldAscii(c) : c); };
   size_t i = 0;
 #if defined(__SSE2__)
-  for (; i + 16 <= len; i += 16) h = hashBlock16<kCaseless>(p + i, h);
+  if (len >= 16) {
+    for (; i + 16 <= len; i += 16)
+      h = h * POW33[16] +
+          blockPolynomial<kCaseless>(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i)));
+    if (i == len) return h;
+    // The last sixteen bytes with those already taken masked to zero.
+    static constexpr unsigned char TAIL_MASK[32] = {0,    0,    0,    0,    0,    0,    0,    0,
+                                                    0,    0,    0,    0,    0,    0,    0,    0,
+                                                    0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
+                                                    0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+    size_t k = len - i;
+    __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + len - 16));
+    v = _mm_and_si128(v, _mm_loadu_si128(reinterpret_cast<const __m128i *>(TAIL_MASK + k)));
+    return h * POW33[k] + blockPolynomial<kCaseless>(v);
+  }
 #endif
   for (; i + 4 <= len; i += 4) {
     h = h * 1185921u + byte(p[i]) * 35937u + byte(p[i + 1]) * 1089u + byte(p[i + 2]) * 33u +
