@@ -734,8 +734,9 @@ inline void renderAtom(Sink &sink, const PrintfFormatAtom &atom, va_list *ap, in
 // The walks read the caller's own list through a pointer. The variadic entry points hand in the
 // list they started; copying it first would cost a store-forwarding stall on every call.
 // A conversion with no flags, width or precision ("%d", "%lu", "%s") renders exactly as its bare
-// digits or text, so it skips the atom and its fill bookkeeping. q is just past the "%"; returns
-// the bytes consumed from there, or 0 to leave the conversion to the full parser.
+// digits or text, so it skips the atom and its fill bookkeeping. q is just past the "%"; end is
+// null for a NUL-terminated format. Returns the bytes consumed from q, or 0 to leave the
+// conversion to the full parser.
 template <class Sink>
 inline size_t renderBare(Sink &sink, const char *q, const char *end, va_list *ap) {
   const char *const start = q;
@@ -746,16 +747,30 @@ inline size_t renderBare(Sink &sink, const char *q, const char *end, va_list *ap
     if (q == end) return 0;
   }
   char buf[DECIMAL_U64_MAX_DIGITS + 1];
-  size_t n;
+  char *const last = buf + sizeof buf;
+  char *first;
   switch (*q) {
     case 'd':
-    case 'i':
-      n = wide ? writeDecimalI64(buf, va_arg(*ap, long long))
-               : writeDecimalI32(buf, va_arg(*ap, int));
+    case 'i': {
+      // Magnitudes by unsigned negation, so the most negative values have one too.
+      bool negative;
+      if (wide) {
+        long long v = va_arg(*ap, long long);
+        negative = v < 0;
+        first = decimal_detail::writeDigitsBackward(
+            last, negative ? 0ull - static_cast<uint64_t>(v) : static_cast<uint64_t>(v));
+      } else {
+        int v = va_arg(*ap, int);
+        negative = v < 0;
+        first = decimal_detail::writeDigitsBackward(
+            last, negative ? 0u - static_cast<uint32_t>(v) : static_cast<uint32_t>(v));
+      }
+      if (negative) *--first = '-';
       break;
+    }
     case 'u':
-      n = wide ? writeDecimalU64(buf, va_arg(*ap, unsigned long long))
-               : writeDecimalU32(buf, va_arg(*ap, unsigned));
+      first = wide ? decimal_detail::writeDigitsBackward(last, va_arg(*ap, unsigned long long))
+                   : decimal_detail::writeDigitsBackward(last, va_arg(*ap, unsigned));
       break;
     case 's': {
       const char *s = va_arg(*ap, const char *);
@@ -767,7 +782,7 @@ inline size_t renderBare(Sink &sink, const char *q, const char *end, va_list *ap
       return 0;
   }
   sink.beginConversion();
-  sink.text(buf, n);
+  sink.text(first, static_cast<size_t>(last - first));
   return static_cast<size_t>(q + 1 - start);
 }
 
@@ -801,6 +816,23 @@ void walkFormat(Sink &sink, StrSegment format, va_list *ap, int saved_errno) {
       }
     }
     p = walkOneAtom(sink, p, end, ap, saved_errno);
+  }
+}
+
+// The C-string entry points: bare conversions and literal text are taken before the format's
+// length is known; anything else hands the rest to walkFormat.
+template <class Sink>
+void walkCString(Sink &sink, const char *p, va_list *ap, int saved_errno) {
+  while (*p) {
+    if (*p != '%') {
+      const char *q = strchrnul(p, '%');
+      sink.constant(p, static_cast<size_t>(q - p));
+      p = q;
+      continue;
+    }
+    size_t used = renderBare(sink, p + 1, nullptr, ap);
+    if (used == 0) return walkFormat(sink, StrSegment(p), ap, saved_errno);
+    p += 1 + used;
   }
 }
 
@@ -844,7 +876,7 @@ void appendPrintfToVector(StrVector &out, const char *format, ...) {
   va_list ap;
   va_start(ap, format);
   StrVectorSink sink{out};
-  walkFormat(sink, format, &ap, saved_errno);
+  walkCString(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }
@@ -860,7 +892,7 @@ void printfToCrashLog(crash_log_writer *writer, const char *format, ...) noexcep
   va_list ap;
   va_start(ap, format);
   CrashSink sink{writer};
-  walkFormat(sink, format, &ap, saved_errno);
+  walkCString(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }
@@ -919,7 +951,7 @@ Str::Str(FormatTag, const char *format, ...) {
   va_list ap;
   va_start(ap, format);
   StrSink sink{*this};
-  walkFormat(sink, format, &ap, saved_errno);
+  walkCString(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }
@@ -930,7 +962,7 @@ Str &Str::printf(const char *format, ...) {
   va_list ap;
   va_start(ap, format);
   StrSink sink{*this};
-  walkFormat(sink, format, &ap, saved_errno);
+  walkCString(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
   return *this;
@@ -941,7 +973,7 @@ Str &Str::appendf(const char *format, ...) {
   va_list ap;
   va_start(ap, format);
   StrSink sink{*this};
-  walkFormat(sink, format, &ap, saved_errno);
+  walkCString(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
   return *this;
