@@ -822,7 +822,8 @@ void walkFormat(Sink &sink, StrSegment format, va_list *ap, int saved_errno) {
 // The C-string entry points: bare conversions and literal text are taken before the format's
 // length is known; anything else hands the rest to walkFormat.
 template <class Sink>
-void walkCString(Sink &sink, const char *p, va_list *ap, int saved_errno) {
+__attribute__((always_inline)) inline void walkCString(Sink &sink, const char *p, va_list *ap,
+                                                       int saved_errno) {
   while (*p) {
     if (*p != '%') {
       const char *q = strchrnul(p, '%');
