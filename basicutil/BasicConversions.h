@@ -42,9 +42,10 @@ inline unsigned decimalDigitCountU64(uint64_t v) {
 
 namespace decimal_detail {
 
-// Writes v so that its last digit lands just before end, two digits at a time.
+// Writes v so that its last digit lands just before end, two digits at a time; returns where
+// the first digit went.
 template <class U>
-inline void writeDigitsBackward(char *end, U v) {
+inline char *writeDigitsBackward(char *end, U v) {
   char *p = end;
   while (v >= 100) {
     unsigned pair = static_cast<unsigned>(v % 100) * 2;
@@ -61,6 +62,7 @@ inline void writeDigitsBackward(char *end, U v) {
   } else {
     *--p = static_cast<char>('0' + v);
   }
+  return p;
 }
 
 }  // namespace decimal_detail

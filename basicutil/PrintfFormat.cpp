@@ -609,6 +609,7 @@ struct StrSink {
   Str &out;
   void constant(const char *p, size_t n) { out.append(p, n); }
   void beginConversion() {}
+  void text(const char *p, size_t n) { out.append(p, n); }
   template <class R>
   void put(const R &r) {
     printf_detail::appendRendered(out, r);
@@ -619,6 +620,7 @@ struct StrVectorSink {
   StrVector &out;
   void constant(const char *, size_t) {}
   void beginConversion() { out.emplace_back(); }
+  void text(const char *p, size_t n) { out.back().append(p, n); }
   template <class R>
   void put(const R &r) {
     printf_detail::appendRendered(out.back(), r);
@@ -631,6 +633,7 @@ struct CrashSink {
     if (n) h->do_write(h, p, n);
   }
   void beginConversion() {}
+  void text(const char *p, size_t n) { constant(p, n); }
   template <class R>
   void put(const R &r) {
     printf_detail::crashRendered(h, r);
@@ -730,10 +733,108 @@ inline void renderAtom(Sink &sink, const PrintfFormatAtom &atom, va_list *ap, in
 
 // The walks read the caller's own list through a pointer. The variadic entry points hand in the
 // list they started; copying it first would cost a store-forwarding stall on every call.
+// A conversion with no flags, width or precision ("%d", "%lu", "%s") renders exactly as its bare
+// digits or text, so it skips the atom and its fill bookkeeping. q is just past the "%"; end is
+// null for a NUL-terminated format. Returns the bytes consumed from q, or 0 to leave the
+// conversion to the full parser.
+template <class Sink>
+inline size_t renderBare(Sink &sink, const char *q, const char *end, va_list *ap) {
+  const char *const start = q;
+  bool wide = false;
+  if (*q == 'l') {
+    wide = true;
+    if (++q != end && *q == 'l') ++q;
+    if (q == end) return 0;
+  }
+  char buf[DECIMAL_U64_MAX_DIGITS + 1];
+  char *const last = buf + sizeof buf;
+  char *first;
+  switch (*q) {
+    case 'd':
+    case 'i': {
+      // Magnitudes by unsigned negation, so the most negative values have one too.
+      bool negative;
+      if (wide) {
+        long long v = va_arg(*ap, long long);
+        negative = v < 0;
+        first = decimal_detail::writeDigitsBackward(
+            last, negative ? 0ull - static_cast<uint64_t>(v) : static_cast<uint64_t>(v));
+      } else {
+        int v = va_arg(*ap, int);
+        negative = v < 0;
+        first = decimal_detail::writeDigitsBackward(
+            last, negative ? 0u - static_cast<uint32_t>(v) : static_cast<uint32_t>(v));
+      }
+      if (negative) *--first = '-';
+      break;
+    }
+    case 'u':
+      first = wide ? decimal_detail::writeDigitsBackward(last, va_arg(*ap, unsigned long long))
+                   : decimal_detail::writeDigitsBackward(last, va_arg(*ap, unsigned));
+      break;
+    case 's': {
+      const char *s = va_arg(*ap, const char *);
+      sink.beginConversion();
+      sink.text(s, strlen(s));
+      return static_cast<size_t>(q + 1 - start);
+    }
+    default:
+      return 0;
+  }
+  sink.beginConversion();
+  sink.text(first, static_cast<size_t>(last - first));
+  return static_cast<size_t>(q + 1 - start);
+}
+
+// Parses and renders the one atom at p; returns where the next one starts.
+template <class Sink>
+__attribute__((noinline)) const char *walkOneAtom(Sink &sink, const char *p, const char *end,
+                                                  va_list *ap, int saved_errno) {
+  StrSegment rest(p, static_cast<size_t>(end - p));
+  PrintfFormatAtom atom;
+  atom.getNext(rest, PRINTF_OPT_DEFAULT);
+  renderAtom(sink, atom, ap, saved_errno);
+  return rest._data;
+}
+
 template <class Sink>
 void walkFormat(Sink &sink, StrSegment format, va_list *ap, int saved_errno) {
-  PrintfFormatAtom atom;
-  while (atom.getNext(format, PRINTF_OPT_DEFAULT)) renderAtom(sink, atom, ap, saved_errno);
+  const char *p = format._data;
+  const char *const end = p + format._len;
+  while (p != end) {
+    if (*p != '%') {
+      const char *q = static_cast<const char *>(memchr(p, '%', static_cast<size_t>(end - p)));
+      if (!q) q = end;
+      sink.constant(p, static_cast<size_t>(q - p));
+      p = q;
+      continue;
+    }
+    if (end - p >= 2) {
+      if (size_t used = renderBare(sink, p + 1, end, ap)) {
+        p += 1 + used;
+        continue;
+      }
+    }
+    p = walkOneAtom(sink, p, end, ap, saved_errno);
+  }
+}
+
+// The C-string entry points: bare conversions and literal text are taken before the format's
+// length is known; anything else hands the rest to walkFormat.
+template <class Sink>
+__attribute__((always_inline)) inline void walkCString(Sink &sink, const char *p, va_list *ap,
+                                                       int saved_errno) {
+  while (*p) {
+    if (*p != '%') {
+      const char *q = strchrnul(p, '%');
+      sink.constant(p, static_cast<size_t>(q - p));
+      p = q;
+      continue;
+    }
+    size_t used = renderBare(sink, p + 1, nullptr, ap);
+    if (used == 0) return walkFormat(sink, StrSegment(p), ap, saved_errno);
+    p += 1 + used;
+  }
 }
 
 template <class Sink>
@@ -776,7 +877,7 @@ void appendPrintfToVector(StrVector &out, const char *format, ...) {
   va_list ap;
   va_start(ap, format);
   StrVectorSink sink{out};
-  walkFormat(sink, format, &ap, saved_errno);
+  walkCString(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }
@@ -792,7 +893,7 @@ void printfToCrashLog(crash_log_writer *writer, const char *format, ...) noexcep
   va_list ap;
   va_start(ap, format);
   CrashSink sink{writer};
-  walkFormat(sink, format, &ap, saved_errno);
+  walkCString(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }
@@ -851,7 +952,7 @@ Str::Str(FormatTag, const char *format, ...) {
   va_list ap;
   va_start(ap, format);
   StrSink sink{*this};
-  walkFormat(sink, format, &ap, saved_errno);
+  walkCString(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
 }
@@ -862,7 +963,7 @@ Str &Str::printf(const char *format, ...) {
   va_list ap;
   va_start(ap, format);
   StrSink sink{*this};
-  walkFormat(sink, format, &ap, saved_errno);
+  walkCString(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
   return *this;
@@ -873,7 +974,7 @@ Str &Str::appendf(const char *format, ...) {
   va_list ap;
   va_start(ap, format);
   StrSink sink{*this};
-  walkFormat(sink, format, &ap, saved_errno);
+  walkCString(sink, format, &ap, saved_errno);
   va_end(ap);
   errno = saved_errno;
   return *this;

@@ -531,8 +531,8 @@ class GlobalRegexCache {
 
   // Under the mutex. A retired pattern found in young or old comes back to live.
   std::shared_ptr<const Regex::Impl> lookup(uint64_t hash, const char *text, size_t size) {
-    auto [lb, le] = _live.equal_range(hash);
-    for (auto it = lb; it != le; ++it) {
+    // One descent: equal hashes sit next to each other from the lower bound on.
+    for (auto it = _live.lower_bound(hash); it != _live.end() && it->first == hash; ++it) {
       if (!sameText(it->second.raw->_pattern, text, size)) continue;
       if (auto handle = it->second.weak.lock()) return handle;
       _live.erase(it);

@@ -5,6 +5,7 @@
 // Input: one byte n, then n bytes of format, then the bytes the argument values are drawn from.
 // The format is parsed first, so that each argument slot can be given a value of a safe kind:
 // a %s slot always points at a real string, and "*" slots are kept small.
+#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
@@ -155,5 +156,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   Str via_compiled;
   compiled(&pf, &via_compiled, MV_ALL_ARGS);
   if (via_compiled != via_str) abort();
+
+  // The C-string entry points walk without measuring the format first.
+  if (memchr(fmt, '\0', n) == nullptr) {
+    Str cstr(format);
+    Str via_cstr;
+    errno = 2;  // what the other walks were given for %m
+    via_cstr.appendf(cstr.c_str(), MV_ALL_ARGS);
+    if (via_cstr != via_str) abort();
+  }
   return 0;
 }

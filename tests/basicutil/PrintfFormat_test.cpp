@@ -229,4 +229,36 @@ TEST(PrintfSinks, StrMembersVectorAndCrashLog) {
   EXPECT_EQ(via_str, "<  ab>");
 }
 
+// Conversions with no flags take a shorter road; every sink must still agree with the C library,
+// at the extremes of each argument size and when the format ends inside the length modifier.
+TEST(PrintfSinks, BareConversionsAtTheExtremes) {
+  auto check = [](const char *format, auto value) {
+    char want[64];
+    snprintf(want, sizeof want, format, value);
+    EXPECT_EQ(fmt(format, value), want) << format;
+    RecordingWriter w;
+    morvek::printfToCrashLog(&w.handle, format, value);
+    EXPECT_EQ(w.text, want) << format;
+    StrVector v;
+    morvek::appendPrintfToVector(v, format, value);
+    EXPECT_EQ(v, StrVector{want}) << format;
+  };
+  for (int v : {0, 9, 10, -1, 99, 100, INT_MIN, INT_MAX}) {
+    check("%d", v);
+    check("%i", v);
+  }
+  for (unsigned v : {0u, 4294967295u}) check("%u", v);
+  for (long long v : {LLONG_MIN, LLONG_MAX, -10000000000ll}) {
+    check("%ld", static_cast<long>(v));
+    check("%lli", v);
+  }
+  check("%llu", ULLONG_MAX);
+  check("%lu", 10000000000ul);
+  check("%s", "");
+  check("%s", "text");
+  EXPECT_EQ(fmt("a%l"), "a%");
+  EXPECT_EQ(fmt("a%ll"), "a%");
+  EXPECT_EQ(fmt("%lx|%ls", 255ul, "w"), "ff|w");
+}
+
 }  // namespace
