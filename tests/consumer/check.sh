@@ -14,3 +14,4 @@ PKG_CONFIG_PATH="$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig" \
   c++ -std=c++20 "$root/tests/consumer/main.cpp" -o "$prefix/consumer-pc" \
   $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig" pkg-config --define-prefix --cflags --libs --static morvek)
 LD_LIBRARY_PATH="$prefix/lib:$prefix/lib/x86_64-linux-gnu" "$prefix/consumer-pc"
+"$prefix/bin/morvek-tz" at UTC 0 | grep -q "+00:00 UTC isdst=0"
