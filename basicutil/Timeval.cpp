@@ -242,6 +242,38 @@ double DurationDescription::asDouble() const {
   return d;
 }
 
+DurationDescription Timeval::describeDifference(const Timeval &a, const Timeval &b) {
+  const bool negative = a < b;
+  const Timeval &big = negative ? b : a;
+  const Timeval &small = negative ? a : b;
+  const uint64_t magnitude = static_cast<uint64_t>(usecDifference(big, small));
+  const double d = static_cast<double>(magnitude);
+  if (magnitude >= 8000000001ull) return makeDescription(" hours", negative, false, 0, d / 3.6e9);
+  if (magnitude >= 3000001) return makeDescription(" seconds", negative, false, 0, d / 1e6);
+  if (magnitude >= 3001) {
+    const bool whole = a._tv.tv_usec % 1000 == 0 && b._tv.tv_usec % 1000 == 0;
+    return makeDescription(" milliseconds", negative, whole, magnitude / 1000, d / 1000);
+  }
+  return makeDescription(" microseconds", negative, true, magnitude, 0);
+}
+
+DurationDescription Timeval::describeSince(const Timeval &a) {
+  return describeDifference(now(), a);
+}
+
+void appendDescription(Str &out, const DurationDescription &description) {
+  if (description.negative) out.push_back('-');
+  if (description.is_integer) {
+    appendNumber(out, description.value);
+    out.append(description.unit, description.unit_len - (description.value == 1 ? 1 : 0));
+    return;
+  }
+  const double v = description.asDouble();
+  const int precision = v >= 99.5 ? 1 : v >= 9.95 ? 2 : 3;
+  out.appendf("%5.*f", precision, v);
+  out.append(description.unit, description.unit_len);
+}
+
 MonotonicTime::ClockDecision MonotonicTime::decideClock(const char *env_value,
                                                         bool monotonic_clock_works) {
   if (env_value != nullptr && env_value[0] != '\0' && strchr("FNfn0", env_value[0]) != nullptr) {

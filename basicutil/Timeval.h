@@ -5,8 +5,13 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 namespace morvek {
+
+class Str;
+class TimezoneData;
+struct DurationDescription;
 
 class Timeval {
  public:
@@ -66,6 +71,42 @@ class Timeval {
   static void setCachedNow();
   static Timeval cachedNow();
 
+  // ---- Text forms. All append; none fails outright.
+
+  // Exactly 14 characters of base 32 (0-9, A-V) that sort as the times do: eight digits of
+  // seconds since 1601-01-01 and six of nanoseconds: 1710054000.25 (2024-03-10 07:00:00.25 UTC)
+  // gives "0CDVRQRG7EDCK0". Seconds 0 (any microseconds) give "zNULLzTIMEzzzz",
+  // MAX_TIME "zMAXzTIMEzzzzz" and MIN_TIME "zMINzTIMEzzzzz" (which, alone, sorts out of order);
+  // a time before 1601 or past 40 bits of seconds writes the largest value.
+  void toSortableString(Str &out) const;
+  // The inverse, either case; false for a wrong length or a bad digit. A time before 1970 reads
+  // back as MAX_TIME: such times do not survive the round trip.
+  bool fromSortableString(const char *bytes, size_t length);
+  // "Sun Mar 10 03:00:00 2024" in the process's local time (asctime without the newline);
+  // "MIN_TIME", "MAX_TIME", "ZERO_TIME" (seconds 0), or "INVALID_TIME (<seconds>)" when the
+  // local conversion refuses the time.
+  void render(Str &out) const;
+  // Signed seconds and, unless decimals is 0, a point and that many digits, truncated, never
+  // rounded: {-1, 500000} with 2 decimals is "-0.50"; {5, 123456} with 8 is "5.12345600".
+  void renderDecimal(Str &out, unsigned decimals) const;
+  // "-?[0-9]+(\.[0-9]*)?" to a time; digits past the sixth of the fraction are ignored.
+  // "-0.5" gives {-1, 500000}; "3." gives {3, 0}; ".5", "1.2.3", "-" and "" fail. On failure
+  // the time is unspecified.
+  bool mem_parse_into(const char *bytes, size_t length);
+  bool parse_into(const char *cstr);
+
+  // A decimal fraction of a fixed number of digits (at most 18), leading zeros included, kept
+  // in one integer: .05 with 3 digits is 202. The fraction read is that of the signed value,
+  // so {-1, 950000} (-0.05) encodes as .05 does.
+  uint64_t encodeSubseconds(unsigned digits) const;
+  // Adds an encoded fraction away from zero: 202 added to {5, 0} gives {5, 50000}, to {-5, 0}
+  // gives {-6, 950000} (-5.05). Codes 0 and powers of two are a zero fraction.
+  Timeval &addEncodedSubseconds(uint64_t encoded);
+
+  // a minus b in words (see DurationDescription); describeSince measures from a to now.
+  static DurationDescription describeDifference(const Timeval &a, const Timeval &b);
+  static DurationDescription describeSince(const Timeval &a);
+
   Fields _tv;
 
  private:
@@ -104,6 +145,15 @@ struct DurationDescription {
 
   double asDouble() const;
 };
+
+// Prints a description: "-" when negative, then an integer with its unit ("1 microsecond",
+// "3000 milliseconds": the unit loses its "s" for a value of 1), or a double by "%5.*f" with
+// 1, 2 or 3 decimals from 99.5 and 9.95 down (" 12.35 seconds", "1.250 hours"), unit whole.
+void appendDescription(Str &out, const DurationDescription &description);
+
+// Whole seconds, "-?[0-9]+", saturating: an overflow gives INT64_MAX or INT64_MIN, and still
+// succeeds if the rest is digits.
+bool parseWholeSeconds(const char *bytes, size_t length, int64_t &out);
 
 class MonotonicTime {
  public:
@@ -210,5 +260,54 @@ inline uint64_t usecToMsecRoundedUp(uint64_t n) {
   if (n > UINT64_MAX - 999) return n == UINT64_MAX ? UINT64_MAX : 18446744073709552ull;
   return (n + 999) / 1000;
 }
+
+// ---------------------------------------------------------------------------------------------
+// Broken-down time holders. Each is a struct tm (the Hires forms add microseconds, the InTimezone
+// forms a zone of the library's engine) with fromUnixTime and toUnixTime. Conversions never fail
+// outright: a refused time (past 32535244799, the year-3000 limit) logs a warning on "Timeval",
+// "LocalStructTm::fromUnixTime(32535244800) failed!", and fills the far value of its sign:
+// 9999-12-31 23:59:59.999999 (tm_year 8099, a Friday, yearday 364) or 1900-01-01 00:00:00
+// (a Monday), with tm_isdst -1 and the zone fields of time 0. toUnixTime fails on -1 (also the
+// true instant 1969-12-31 23:59:59 UTC) and on a local time in a gap or an unresolved overlap,
+// logging "...::toUnixTime(2024-3-10 2:30:00) failed!" and giving MIN_TIME for tm_year below 70,
+// MAX_TIME otherwise.
+
+// UTC, by gmtime_r and timegm. Refusals return false and fill the far value without a warning.
+struct GmtStructTm : tm {
+  GmtStructTm() : tm() {}
+  bool fromUnixTime(int64_t seconds);
+  // Normalizes the fields as timegm does.
+  Timeval toUnixTime();
+};
+
+// The process's local time, by localtime_r and mktime (TZ as the platform reads it).
+struct LocalStructTm : tm {
+  LocalStructTm() : tm() {}
+  bool fromUnixTime(int64_t seconds);
+  Timeval toUnixTime();
+};
+
+struct LocalStructTmHires : LocalStructTm {
+  int32_t tv_usec = 0;
+  bool fromUnixTime(const Timeval &t);
+  Timeval toUnixTime();
+};
+
+// A zone of the library's engine; the zone must not be null. New York, 1710054000: 2024-03-10
+// 03:00:00, tm_isdst 1, tm_gmtoff -14400, tm_zone "EDT". Back from local 2024-11-03 01:30 the
+// hint tm_isdst picks the pass: 1 gives 1730611800, 0 gives 1730615400, -1 fails.
+struct StructTmInTimezone : tm {
+  explicit StructTmInTimezone(const TimezoneData *zone) : tm(), tz(zone) {}
+  bool fromUnixTime(int64_t seconds);
+  Timeval toUnixTime();
+  const TimezoneData *tz;
+};
+
+struct StructTmInTimezoneHires : StructTmInTimezone {
+  explicit StructTmInTimezoneHires(const TimezoneData *zone) : StructTmInTimezone(zone) {}
+  bool fromUnixTime(const Timeval &t);
+  Timeval toUnixTime();
+  int32_t tv_usec = 0;
+};
 
 }  // namespace morvek

@@ -1,0 +1,357 @@
+// Rendering compiled formats: each atom's text, offsets and names, the sub-second and pre-1970
+// conventions, and a differential run against glibc's strftime in the C locale.
+#include "basicutil/TimeRender.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "basicutil/DateTime.h"
+#include "basicutil/TimeFormat.h"
+#include "basicutil/Timeval.h"
+#include "basicutil/Timezone.h"
+
+using namespace morvek;
+
+namespace {
+
+struct ScopedTz {
+  explicit ScopedTz(const char *zone) {
+    const char *old = getenv("TZ");
+    had = old != nullptr;
+    if (had) saved = old;
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  ~ScopedTz() {
+    if (had) {
+      setenv("TZ", saved.c_str(), 1);
+    } else {
+      unsetenv("TZ");
+    }
+    tzset();
+  }
+  bool had;
+  std::string saved;
+};
+
+std::string renderIn(const char *format, const char *zone, Timeval t) {
+  TimeFormat f;
+  EXPECT_TRUE(f.set(format)) << format;
+  Str out;
+  if (zone == nullptr) {
+    renderUtc(f, out, t);
+  } else {
+    const TimezoneData *tz = getTimezone(zone);
+    EXPECT_NE(tz, nullptr) << zone;
+    render(f, out, t, tz);
+  }
+  return out;
+}
+
+// 2024-03-11 (a Monday) 07:08:09 UTC.
+constexpr int64_t MONDAY = 1710140889;
+
+TEST(TimeRender, EachAtomInUtcAndZones) {
+  struct Case {
+    const char *format;
+    const char *zone;  // null: UTC
+    Timeval t;
+    const char *want;
+  } cases[] = {
+      // clang-format off
+      {"%FT%T.%6N%:z", nullptr, Timeval(1710054000, 123456), "2024-03-10T07:00:00.123456+00:00"},
+      {"%FT%T.%6N%:z", "America/New_York", Timeval(1710053999, 0), "2024-03-10T01:59:59.000000-05:00"},
+      {"%FT%T.%6N%:z", "America/New_York", Timeval(1710054000, 0), "2024-03-10T03:00:00.000000-04:00"},
+      {"%T %Z %z", "America/New_York", Timeval(1730611800, 0), "01:30:00 EDT -0400"},
+      {"%T %Z %z", "America/New_York", Timeval(1730615400, 0), "01:30:00 EST -0500"},
+      {"%FT%T.%6N%:z", "Asia/Kathmandu", Timeval(0, 0), "1970-01-01T05:30:00.000000+05:30"},
+      // The epoch and fractions either side of 1970.
+      {"%s.%6Q", nullptr, Timeval(-2, 500000), "-1.500000"},
+      {"%s.%6Q", nullptr, Timeval(-1, 500000), "-0.500000"},
+      {"%s.%3Q", nullptr, Timeval(-5, 0), "-5.000"},
+      {"%s", nullptr, Timeval(1710054000, 9), "1710054000"},
+      {"%12s|%_12s|%-12s", nullptr, Timeval(-5, 0), "-00000000005|          -5|-5"},
+      {"%S.%6N", nullptr, Timeval(-1, 250000), "59.750000"},  // complement even without %s
+      {"%9Q|%3Q|%1N|%f", nullptr, Timeval(5, 123456), "123456000|123|1|123456"},
+      {"%s.%l", nullptr, Timeval(5, 987654), "5.987"},
+      // Offsets in every form, padding and width.
+      {"%:::z|%::z|%Ez", "Asia/Kolkata", Timeval(MONDAY, 0), "+05:30|+05:30:00|+330"},
+      {"%:::z|%Ez|%-Ez", "Asia/Karachi", Timeval(MONDAY, 0), "+05|+300|+300"},
+      {"%:::z|%z|%-z", "Asia/Kathmandu", Timeval(MONDAY, 0), "+05:45|+0545|+545"},
+      {"%:::z|%::z", "Europe/Dublin", Timeval(-2208988800, 0), "-00:25:21|-00:25:21"},
+      {"%:::z|%Ez|%-:z", nullptr, Timeval(MONDAY, 0), "+00|+0|+0:00"},
+      {"%_10z|%010z|%3z", "America/St_Johns", Timeval(MONDAY, 0), "     -0230|-000000230|-0230"},
+      {"%Ez|%_6Ez|%06Ez", "Pacific/Chatham", Timeval(MONDAY, 0), "+825|  +825|+00825"},
+      // Names, their widths and cases.
+      {"%a|%A|%b|%B|%h", nullptr, Timeval(MONDAY, 0), "Mon|Monday|Mar|March|Mar"},
+      {"%^a|%#a|%^B|%#B|%2a|%5b|%10A|%-10A", nullptr, Timeval(MONDAY, 0),
+       "MON|mON|MARCH|mARCH|Mo|  Mar|    Monday|Monday"},
+      {"%p|%P|%#p|%r", nullptr, Timeval(MONDAY, 0), "AM|am|am|07:08:09 AM"},
+      {"%p|%P", nullptr, Timeval(MONDAY + 6 * 3600, 0), "PM|pm"},
+      {"%Z|%#Z|%^Z|%6Z", "America/New_York", Timeval(MONDAY, 0), "EDT|edt|EDT|   EDT"},
+      {"%Z", nullptr, Timeval(MONDAY, 0), "UTC"},
+      // Numbers.
+      {"%C|%y|%G|%g|%V|%U|%W|%j|%u|%w", nullptr, Timeval(MONDAY, 0), "20|24|2024|24|11|10|11|071|1|1"},
+      {"%e|%k|%l|%I|%-d|%_H|%#j|%#H|%10Y|%_10Y", nullptr, Timeval(MONDAY - 6 * 86400, 0),
+       " 5| 7| 7|07|5| 7|65|7|0000002024|      2024"},
+      {"%u|%w|%I|%l", nullptr, Timeval(MONDAY - 86400 - 7 * 3600, 0), "7|0|12|12"},
+      {"%c|%x|%X|%D|%R|%v|%+", nullptr, Timeval(MONDAY, 0),
+       "Mon Mar 11 07:08:09 2024|03/11/24|07:08:09|03/11/24|07:08|11-Mar-2024|Mon Mar 11 07:08:09 UTC 2024"},
+      {"%#c", nullptr, Timeval(MONDAY, 0), "Monday, March 11, 2024, 7:08:09"},
+      {"%C|%y|%G|%Y", "America/New_York", Timeval(-2208988800, 0), "19|99|1899|1899"},
+      {"a%%b%tc%nd", nullptr, Timeval(MONDAY, 0), "a%b\tc\nd"},
+      // clang-format on
+  };
+  for (const Case &c : cases) {
+    EXPECT_EQ(renderIn(c.format, c.zone, c.t), c.want) << c.format << " " << (c.zone ? c.zone : "");
+  }
+}
+
+// Callbacks that know nothing, for the renderer's own fallbacks.
+const TimeRenderCallbacks CLUELESS = {
+    [](const struct tm &, const void *) -> int64_t { return -1; },
+    [](const struct tm &, const void *, char *, size_t) { return false; },
+    [](const struct tm &, const void *) -> int64_t { return NOT_FIXED; },
+};
+
+const TimeRenderCallbacks FIXED_OFFSET = {
+    [](const struct tm &, const void *) -> int64_t { return 0; },
+    [](const struct tm &, const void *, char *buf, size_t size) {
+      snprintf(buf, size, "%s", "aBcDeFgHiJkLmNoP");  // cut to the 11-byte buffer
+      return true;
+    },
+    [](const struct tm &, const void *zone) -> int64_t {
+      return *static_cast<const int64_t *>(zone);
+    },
+};
+
+TEST(TimeRender, FieldsNoZoneExplainsAndOutOfRange) {
+  struct tm tm = {};
+  tm.tm_year = 124;
+  tm.tm_mday = 1;
+  tm.tm_wday = 9;  // no such weekday
+  tm.tm_mon = 12;  // no such month
+  tm.tm_isdst = -1;
+  const std::pair<const char *, const char *> cases[] = {
+      {"[%z|%:z|%Z|%s]", "[|||-1]"},
+      {"%a|%A|%2A|%b|%B", "???|???|??|???|???"},
+      {"%m|%Y", "13|2024"},
+  };
+  for (const auto &[format, want] : cases) {
+    TimeFormat f(format);
+    Str out;
+    render(f, out, tm, 0, CLUELESS);
+    EXPECT_EQ(out, want) << format;
+  }
+
+  struct {
+    int64_t offset;
+    const char *format, *want;
+  } offsets[] = {
+      {400000, "%z|%::z|%Ez", "+9906|+99:06:40|+999"},  // hours capped at 99, minutes at 999
+      {-59, "%z|%:::z|%Ez|%-Ez", "-0000|-00:00:59|-0|-0"},
+      {0, "%#Z|%^Z", "AbCdEfGhIj|ABCDEFGHIJ"},
+  };
+  for (const auto &o : offsets) {
+    TimeFormat f(o.format);
+    Str out;
+    tm.tm_isdst = 0;
+    render(f, out, tm, 0, FIXED_OFFSET, &o.offset);
+    EXPECT_EQ(out, o.want) << o.format;
+  }
+
+  // A zone's name search fails with tm_isdst unknown: %Z writes nothing, %z finds the offset.
+  const TimezoneData *ny = getTimezone("America/New_York");
+  ASSERT_NE(ny, nullptr);
+  struct tm local = {};
+  local.tm_year = 124;
+  local.tm_mon = 6;
+  local.tm_mday = 1;
+  local.tm_isdst = -1;
+  TimeFormat f("[%Z] %z %s");
+  Str out;
+  render(f, out, local, 0, TIME_RENDER_ZONE, ny);
+  EXPECT_EQ(out, "[] -0400 1719806400");
+}
+
+TEST(TimeRender, LocalTableAndAppending) {
+  ScopedTz zone("Australia/Lord_Howe");
+  TimeFormat f("%F %T %Z %:::z %s");
+  Str out("prefix ");
+  renderLocal(f, out, Timeval(MONDAY, 0));
+  EXPECT_EQ(out, "prefix 2024-03-11 18:08:09 +11 +11 1710140889");
+  out.clear();
+  renderLocal(f, out, Timeval(MONDAY + 60 * 86400, 0));  // southern winter: half an hour off
+  EXPECT_EQ(out, "2024-05-10 17:38:09 +1030 +10:30 1715324889");
+
+  // Past the year-3000 limit: the far value.
+  out.clear();
+  renderUtc(f, out, Timeval(32535244800, 0));
+  EXPECT_EQ(out.substr(0, 19), "9999-12-31 23:59:59");
+}
+
+// ---- Differential against glibc's strftime.
+
+const char *const SHARED_FORMATS[] = {
+    "%a",  "%A",  "%b",   "%B",    "%c",  "%C",  "%d",  "%D",  "%e",   "%F",   "%g",   "%G",
+    "%h",  "%H",  "%I",   "%j",    "%k",  "%l",  "%m",  "%M",  "%n",   "%p",   "%P",   "%r",
+    "%R",  "%s",  "%S",   "%t",    "%T",  "%u",  "%U",  "%V",  "%w",   "%W",   "%x",   "%X",
+    "%y",  "%Y",  "%z",   "%Z",    "%%",  "%^a", "%^B", "%#a", "%#B",  "%#Z",  "%^p",  "%#p",
+    "%-d", "%-H", "%-m",  "%_H",   "%_m", "%0e", "%-j", "%#j", "%#H",  "%#d",  "%10B", "%5a",
+    "%2a", "%3d", "%_5Y", "%010Y", "%EY", "%Ey", "%Od", "%OH", "%_9z", "%09z", "%EC",
+};
+
+struct ZoneCase {
+  const char *name;
+  bool utc;    // glibc: gmtime_r; ours: the UTC table
+  bool local;  // ours: the platform's local-time table
+};
+
+const ZoneCase DIFF_ZONES[] = {
+    {"UTC", true, false},
+    {"America/New_York", false, false},
+    {"Europe/Dublin", false, false},
+    {"Asia/Kolkata", false, false},
+    {"Asia/Kathmandu", false, false},
+    {"Australia/Lord_Howe", false, false},
+    {"America/Sao_Paulo", false, false},
+    {"Australia/Sydney", false, false},
+    {"America/St_Johns", false, false},
+    {"Pacific/Chatham", false, false},
+    {"Africa/Casablanca", false, false},
+    {"Europe/London", false, false},
+    {"Europe/Berlin", false, true},
+};
+
+std::string toUpper(std::string s) {
+  for (char &c : s) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  return s;
+}
+
+std::string stripZeros(const std::string &s) {
+  size_t i = 0;
+  while (i + 1 < s.size() && s[i] == '0') ++i;
+  return s.substr(i);
+}
+
+// The name of the known difference that explains ours against glibc's, or null.
+const char *classify(const char *format, const struct tm &tm, const std::string &ours,
+                     const std::string &glibc, bool utc, const char *outside_table) {
+  const std::string f = format;
+  if ((f == "%C" || f == "%EC") && tm.tm_year < 0 && tm.tm_year > -100) {
+    return "century of 1801-1899 is year/100 + 19, truncating";
+  }
+  if ((f == "%#a" || f == "%#B") && toUpper(ours) == glibc) {
+    return "'#' swaps the case of names; glibc upper-cases them";
+  }
+  if ((f == "%#j" || f == "%#H" || f == "%#d") && stripZeros(glibc) == ours) {
+    return "'#' on a number drops the padding; glibc ignores it";
+  }
+  if (f == "%2a" && ours.size() == 2 && glibc.compare(0, 2, ours) == 0) {
+    return "a width of 2 cuts the weekday abbreviation";
+  }
+  if ((f == "%Z" && ours == "UTC" && glibc == "GMT") ||
+      (f == "%#Z" && ours == "utc" && glibc == "gmt")) {
+    return utc ? "UTC is named UTC" : nullptr;
+  }
+  if (f == "%_9z" || f == "%09z") {
+    char plain[16];
+    strftime(plain, sizeof plain, "%z", &tm);
+    const std::string padded = (f == "%_9z" ? "    " : "") + std::string(1, plain[0]) +
+                               (f == "%09z" ? "0000" : "") + (plain + 1);
+    if (ours == padded)
+      return "a width on %z pads once, before the sign or after it; glibc pads twice";
+  }
+  if (f == "%s" && outside_table != nullptr) return outside_table;
+  return nullptr;
+}
+
+TEST(TimeRenderDifferential, MatchesStrftimeInTheCLocale) {
+  std::map<std::string, long> classes;
+  std::vector<std::string> unexplained, breakdowns;
+  long compared = 0;
+  std::vector<TimeFormat> compiled;
+  for (const char *format : SHARED_FORMATS) {
+    compiled.emplace_back();
+    ASSERT_TRUE(compiled.back().set(format)) << format;
+  }
+  std::mt19937_64 rng(1900);
+  const int64_t lo = -2208988800, hi = 32503680000;  // 1900-01-01 to 3000-01-01 UTC
+  for (const ZoneCase &zone : DIFF_ZONES) {
+    ScopedTz tz(zone.name);
+    const TimezoneData *ours = getTimezone(zone.name);
+    ASSERT_NE(ours, nullptr) << zone.name;
+    const int64_t our_first = ours->timecnt ? ours->ats[0] : INT64_MAX;
+    const int64_t our_last = ours->timecnt ? ours->ats[ours->timecnt - 1] : INT64_MIN;
+    for (int i = 0; i < 2500; ++i) {
+      // Mostly anywhere in range; some near 1900, where local times cross into 1899.
+      int64_t t = i % 10 == 0 ? lo + static_cast<int64_t>(rng() % 86400)
+                              : lo + static_cast<int64_t>(rng() % static_cast<uint64_t>(hi - lo));
+      const time_t tt = static_cast<time_t>(t);
+      struct tm gtm;
+      ASSERT_TRUE(zone.utc ? gmtime_r(&tt, &gtm) : localtime_r(&tt, &gtm));
+      // The engine's table has ends: before its first transition the first transition's type
+      // applies, after the last one the last type holds; glibc has the zone's original type
+      // before and the rule of the file's footer after.
+      const char *outside_table =
+          t < our_first  ? "%s or breakdown before the zone table's first transition"
+          : t > our_last ? "%s or breakdown past the zone table's last transition"
+                         : nullptr;
+      if (!zone.utc && !zone.local) {
+        struct tm mine;
+        ASSERT_TRUE(ours->breakDown(t, mine));
+        if (mine.tm_gmtoff != gtm.tm_gmtoff || mine.tm_hour != gtm.tm_hour) {
+          ++classes[outside_table != nullptr ? outside_table : "breakdown: UNEXPLAINED"];
+          if (outside_table == nullptr && breakdowns.size() < 10) {
+            breakdowns.push_back(std::string(zone.name) + " " + std::to_string(t) + " ours " +
+                                 std::to_string(mine.tm_gmtoff) + " glibc " +
+                                 std::to_string(gtm.tm_gmtoff));
+          }
+        }
+      }
+      const TimeRenderCallbacks &cb = zone.utc     ? TIME_RENDER_UTC
+                                      : zone.local ? TIME_RENDER_LOCAL
+                                                   : TIME_RENDER_ZONE;
+      for (size_t k = 0; k < compiled.size(); ++k) {
+        char buf[128];
+        const size_t n = strftime(buf, sizeof buf, SHARED_FORMATS[k], &gtm);
+        const std::string glibc(buf, n);
+        Str mine;
+        render(compiled[k], mine, gtm, 0, cb, ours);
+        ++compared;
+        if (mine == glibc) continue;
+        const char *why = classify(SHARED_FORMATS[k], gtm, mine, glibc, zone.utc, outside_table);
+        if (why != nullptr) {
+          ++classes[why];
+        } else if (unexplained.size() < 20) {
+          unexplained.push_back(std::string(zone.name) + " " + std::to_string(t) + " " +
+                                SHARED_FORMATS[k] + ": ours '" + mine + "' glibc '" + glibc + "'");
+        } else {
+          unexplained.push_back("...");
+        }
+      }
+    }
+  }
+  std::string report = "compared " + std::to_string(compared) + "\n";
+  for (const auto &[why, count] : classes)
+    report += "  " + std::to_string(count) + "  " + why + "\n";
+  printf("%s", report.c_str());
+  RecordProperty("differences", report);
+  EXPECT_TRUE(breakdowns.empty()) << breakdowns[0];
+  EXPECT_TRUE(unexplained.empty()) << report << [&] {
+    std::string all;
+    for (size_t i = 0; i < std::min<size_t>(unexplained.size(), 21); ++i)
+      all += unexplained[i] + "\n";
+    return all;
+  }();
+}
+
+}  // namespace

@@ -1,0 +1,433 @@
+// Text forms of a Timeval, the fraction code, descriptions of differences, and the broken-down
+// holders with their refusals.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "basicutil/Logger.h"
+#include "basicutil/Str.h"
+#include "basicutil/Timeval.h"
+#include "basicutil/Timezone.h"
+
+using namespace morvek;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+std::string show(const Timeval &t) {
+  if (t == MAX_TIME || t == MIN_TIME) return t == MAX_TIME ? "MAX" : "MIN";
+  return std::to_string(t.seconds()) + "," + std::to_string(t.microseconds());
+}
+
+std::string sortable(const Timeval &t) {
+  Str s;
+  t.toSortableString(s);
+  return s;
+}
+
+struct Recorder : LogObserver {
+  std::vector<std::string> lines;
+  void observeLogLine(const Str &line) override {
+    lines.push_back(std::string(line.segment().trimmed().view()));
+  }
+};
+
+// Records the "Timeval" channel for its lifetime.
+struct TimevalWarnings {
+  static Logger &channel() {
+    static Logger logger("Timeval");
+    return logger;
+  }
+  bool initialized = (Logger::initialize(), true);
+  Recorder rec;
+  ScopedLogObserverRegistration reg{&channel(), &rec};
+};
+
+// Runs with TZ set, restoring the previous value.
+struct ScopedTz {
+  explicit ScopedTz(const char *zone) {
+    const char *old = getenv("TZ");
+    had = old != nullptr;
+    if (had) saved = old;
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  ~ScopedTz() {
+    if (had) {
+      setenv("TZ", saved.c_str(), 1);
+    } else {
+      unsetenv("TZ");
+    }
+    tzset();
+  }
+  bool had;
+  std::string saved;
+};
+
+TEST(TimevalSortable, FixedForms) {
+  const Timeval before1601(-20000000000, 0), past40bits(INT64_MAX - 1, 0);
+  const std::pair<Timeval, std::string> cases[] = {
+      {Timeval(1710054000, 250000), "0CDVRQRG7EDCK0"},
+      {Timeval(0, 123), "zNULLzTIMEzzzz"},
+      {MAX_TIME, "zMAXzTIMEzzzzz"},
+      {MIN_TIME, "zMINzTIMEzzzzz"},
+      {Timeval(1, 1234567), sortable(Timeval(1, 999999))},  // microseconds clamp
+      {before1601, sortable(past40bits)},                   // both write the maximum
+  };
+  for (const auto &[t, want] : cases) EXPECT_EQ(sortable(t), want) << show(t);
+
+  Timeval back;
+  ASSERT_TRUE(back.fromSortableString(sortable(past40bits).data(), 14));
+  EXPECT_EQ(show(back), "1087867154175,1000000");  // no carry from the clamped nanoseconds
+}
+
+TEST(TimevalSortable, ReadsBackAndRefuses) {
+  struct Case {
+    const char *text;
+    bool ok;
+    const char *want;
+  } cases[] = {
+      {"0CDVRQRG7EDCK0", true, "1710054000,250000"},
+      {"0cdvrqrg7edck0", true, "1710054000,250000"},
+      {"znullztimezzzz", true, "0,0"},
+      {"ZMAXZTIMEZZZZZ", true, "MAX"},
+      {"zMINzTIMEzzzzz", true, "MIN"},
+      {"0CDVRQRG7EDCK", false, ""},    // 13 characters
+      {"0CDVRQRG7EDCK00", false, ""},  // 15
+      {"0CDVRQRG7EDCKW", false, ""},   // W is past the alphabet
+      {"0CDVRQRG7EDC!0", false, ""},
+      {"0CDVRQRGVVVVVV", false, ""},  // nanoseconds past 999999999
+      {"zNULLzTIMEzzzy", false, ""},  // not a word, and z is no digit
+  };
+  for (const Case &c : cases) {
+    Timeval t(42, 42);
+    EXPECT_EQ(t.fromSortableString(c.text, strlen(c.text)), c.ok) << c.text;
+    if (c.ok) {
+      EXPECT_EQ(show(t), c.want) << c.text;
+    }
+  }
+  // A time in 1969 has a form, but reads back as MAX_TIME.
+  Timeval t;
+  std::string s = sortable(Timeval(-86400, 5));
+  ASSERT_TRUE(t.fromSortableString(s.data(), s.size()));
+  EXPECT_EQ(t, MAX_TIME);
+}
+
+TEST(TimevalSortable, RoundTripsAndSortsInTimeOrder) {
+  std::mt19937_64 rng(18);
+  std::vector<Timeval> times = {MAX_TIME, Timeval(1, 0), Timeval(-1, 999999),
+                                Timeval(-11644473600, 0), Timeval(1099511627775 - 11644473600, 0)};
+  for (int i = 0; i < 4000; ++i) {
+    // 1601 to the end of 40 bits, either side of 1970, with and without microseconds.
+    int64_t secs = static_cast<int64_t>(rng() % 1099511627776ull) - 11644473600;
+    if (secs == 0) secs = 1;
+    times.emplace_back(secs, i % 4 == 0 ? 0 : static_cast<int32_t>(rng() % 1000000));
+  }
+  for (const Timeval &t : times) {
+    if (t.seconds() < 0) continue;  // before 1970 reads back as MAX_TIME, tested above
+    Timeval back;
+    std::string s = sortable(t);
+    ASSERT_TRUE(back.fromSortableString(s.data(), s.size())) << s;
+    EXPECT_EQ(show(back), show(t)) << s;
+  }
+  std::vector<std::pair<std::string, Timeval>> pairs;
+  for (const Timeval &t : times) pairs.emplace_back(sortable(t), t);
+  std::sort(pairs.begin(), pairs.end(),
+            [](const auto &a, const auto &b) { return a.first < b.first; });
+  for (size_t i = 1; i < pairs.size(); ++i) {
+    EXPECT_LE(pairs[i - 1].second, pairs[i].second) << pairs[i - 1].first << " " << pairs[i].first;
+  }
+}
+
+TEST(TimevalDecimal, RendersTruncatedDigits) {
+  struct Case {
+    Timeval t;
+    unsigned decimals;
+    const char *want;
+  } cases[] = {
+      {Timeval(-1, 500000), 2, "-0.50"},
+      {Timeval(5, 123456), 8, "5.12345600"},
+      {Timeval(5, 123999), 3, "5.123"},
+      {Timeval(-2, 0), 3, "-2.000"},
+      {Timeval(-2, 1), 6, "-1.999999"},
+      {Timeval(7, 5), 0, "7"},
+      {Timeval(-7, 5), 0, "-6"},
+      {Timeval(INT64_MIN, 1), 1, "-9223372036854775807.9"},
+      {Timeval(INT64_MIN, 0), 1, "-9223372036854775808.0"},
+  };
+  for (const Case &c : cases) {
+    Str s("x=");
+    c.t.renderDecimal(s, c.decimals);
+    EXPECT_EQ(s, std::string("x=") + c.want) << show(c.t);
+  }
+}
+
+TEST(TimevalDecimal, ParsesSignedDecimals) {
+  struct Case {
+    const char *text;
+    const char *want;  // null: refused
+  } cases[] = {
+      {"-0.5", "-1,500000"},
+      {"3.", "3,0"},
+      {"12", "12,0"},
+      {"1.2345678", "1,234567"},
+      {"0.000001", "0,1"},
+      {"-3", "-3,0"},
+      {"-3.000", "-3,0"},
+      {"9223372036854775807.5", "9223372036854775807,500000"},
+      {"-9223372036854775808", "MIN"},
+      {"-9223372036854775807.5", "-9223372036854775808,500000"},
+      {"9223372036854775808", nullptr},
+      {"-9223372036854775808.5", nullptr},
+      {"-9223372036854775809", nullptr},
+      {"99999999999999999999", nullptr},
+      {".5", nullptr},
+      {"-.5", nullptr},
+      {"1.2.3", nullptr},
+      {"", nullptr},
+      {"-", nullptr},
+      {"+1", nullptr},
+      {" 1", nullptr},
+      {"1 ", nullptr},
+      {"1.5x", nullptr},
+      {"1e3", nullptr},
+  };
+  for (const Case &c : cases) {
+    Timeval t;
+    const bool ok = t.mem_parse_into(c.text, strlen(c.text));
+    EXPECT_EQ(ok, c.want != nullptr) << c.text;
+    if (ok && c.want != nullptr) {
+      EXPECT_EQ(show(t), c.want) << c.text;
+    }
+  }
+  Timeval t;
+  ASSERT_TRUE(t.parse_into("-0.25"));
+  EXPECT_EQ(show(t), "-1,750000");
+}
+
+TEST(TimevalDecimal, WholeSecondsSaturate) {
+  struct Case {
+    const char *text;
+    bool ok;
+    int64_t want;
+  } cases[] = {
+      {"123", true, 123},
+      {"-5", true, -5},
+      {"9223372036854775807", true, INT64_MAX},
+      {"9223372036854775808", true, INT64_MAX},
+      {"-9223372036854775808", true, INT64_MIN},
+      {"-9223372036854775809", true, INT64_MIN},
+      {"184467440737095516160", true, INT64_MAX},  // wraps 64 bits if not caught
+      {"-999999999999999999999999", true, INT64_MIN},
+      {"99999999999999999999x", false, 0},
+      {"", false, 0},
+      {"-", false, 0},
+      {"1.5", false, 0},
+  };
+  for (const Case &c : cases) {
+    int64_t v = 7;
+    EXPECT_EQ(parseWholeSeconds(c.text, strlen(c.text), v), c.ok) << c.text;
+    if (c.ok) {
+      EXPECT_EQ(v, c.want) << c.text;
+    }
+  }
+}
+
+TEST(TimevalSubseconds, EncodesAndAddsBack) {
+  EXPECT_EQ(Timeval(9, 50000).encodeSubseconds(3), 202u);
+  EXPECT_EQ(show(Timeval(0, 0).addEncodedSubseconds(202)), "0,50000");
+  struct Case {
+    Timeval base;
+    uint64_t code;
+    const char *want;
+  } cases[] = {
+      {Timeval(5, 0), 202, "5,50000"},
+      {Timeval(-5, 0), 202, "-6,950000"},  // -5.05
+      {Timeval(5, 990000), 202, "6,40000"},
+      {Timeval(3, 7), 0, "3,7"},
+      {Timeval(3, 7), 1 << 4, "3,7"},
+      {MAX_TIME, Timeval(0, 500000).encodeSubseconds(1), "MAX"},
+      {Timeval(INT64_MIN, 0), Timeval(0, 500000).encodeSubseconds(1), "MIN"},
+  };
+  for (const Case &c : cases) {
+    EXPECT_EQ(show(Timeval(c.base).addEncodedSubseconds(c.code)), c.want) << c.code;
+  }
+  EXPECT_EQ(Timeval(1, 0).encodeSubseconds(3), 8u);  // zero fraction: a power of two
+  EXPECT_EQ(Timeval(1, 5).encodeSubseconds(0), 1u);
+  EXPECT_EQ(Timeval(-1, 950000).encodeSubseconds(3), 202u);  // -0.05
+
+  // Any fraction, any digit count: adding the code to 0 gives the fraction cut to the digits.
+  std::mt19937 rng(7);
+  for (int i = 0; i < 3000; ++i) {
+    int32_t usec = static_cast<int32_t>(rng() % 1000000);
+    if (i % 2 == 0) usec -= usec % 1000;
+    const unsigned digits = 1 + i % 12;
+    int32_t cut = usec;
+    for (unsigned d = digits; d < 6; ++d) cut /= 10;
+    for (unsigned d = digits; d < 6; ++d) cut *= 10;
+    const uint64_t code = Timeval(77, usec).encodeSubseconds(digits);
+    EXPECT_EQ(show(Timeval(0, 0).addEncodedSubseconds(code)), "0," + std::to_string(cut))
+        << usec << " " << digits << " " << code;
+  }
+}
+
+TEST(TimevalDescription, UnitsValuesAndText) {
+  struct Case {
+    Timeval a, b;
+    const char *unit;
+    bool is_integer;
+    double value;
+    const char *text;
+  } cases[] = {
+      {Timeval(13, 0), Timeval(10, 0), " milliseconds", true, 3000, "3000 milliseconds"},
+      {Timeval(10, 0), Timeval(13, 0), " milliseconds", true, 3000, "-3000 milliseconds"},
+      {Timeval(8010, 0), Timeval(10, 0), " seconds", false, 8000, "8000.0 seconds"},
+      {Timeval(9010, 0), Timeval(10, 0), " hours", false, 2.5, "2.500 hours"},
+      {Timeval(15, 250000), Timeval(10, 0), " seconds", false, 5.25, "5.250 seconds"},
+      {Timeval(10, 12500), Timeval(10, 0), " milliseconds", false, 12.5, "12.50 milliseconds"},
+      {Timeval(10, 3001), Timeval(10, 0), " milliseconds", false, 3.001, "3.001 milliseconds"},
+      {Timeval(10, 3000), Timeval(10, 0), " microseconds", true, 3000, "3000 microseconds"},
+      {Timeval(10, 1), Timeval(10, 0), " microseconds", true, 1, "1 microsecond"},
+      {Timeval(10, 0), Timeval(10, 0), " microseconds", true, 0, "0 microseconds"},
+      {Timeval(10, 0), Timeval(9, 999999), " microseconds", true, 1, "1 microsecond"},
+  };
+  for (const Case &c : cases) {
+    DurationDescription d = Timeval::describeDifference(c.a, c.b);
+    EXPECT_STREQ(d.unit, c.unit) << c.text;
+    EXPECT_EQ(d.unit_len, strlen(c.unit));
+    EXPECT_EQ(d.is_integer, c.is_integer) << c.text;
+    EXPECT_DOUBLE_EQ(d.asDouble(), c.value) << c.text;
+    Str s;
+    appendDescription(s, d);
+    EXPECT_EQ(s, c.text);
+  }
+}
+
+TEST(TimevalRender, ReadableForms) {
+  ScopedTz utc("UTC");
+  const std::pair<Timeval, const char *> cases[] = {
+      {MIN_TIME, "MIN_TIME"},
+      {MAX_TIME, "MAX_TIME"},
+      {Timeval(0, 5), "ZERO_TIME"},
+      {Timeval(1710054000, 7), "Sun Mar 10 07:00:00 2024"},
+      {Timeval(32535244799, 0), "Thu Jan  1 07:59:59 3001"},
+      {Timeval(32535244800, 0), "INVALID_TIME (32535244800)"},
+      {Timeval(INT64_MIN, 1), "INVALID_TIME (-9223372036854775808)"},
+  };
+  for (const auto &[t, want] : cases) {
+    Str s;
+    t.render(s);
+    EXPECT_EQ(s, want);
+  }
+}
+
+std::string fields(const struct tm &tm) {
+  char buf[96];
+  snprintf(buf, sizeof buf, "%d-%d-%d %d:%d:%d w%d y%d dst%d", tm.tm_year, tm.tm_mon, tm.tm_mday,
+           tm.tm_hour, tm.tm_min, tm.tm_sec, tm.tm_wday, tm.tm_yday, tm.tm_isdst);
+  return buf;
+}
+
+constexpr const char *FAR_FUTURE = "8099-11-31 23:59:59 w5 y364 dst-1";
+constexpr const char *FAR_PAST = "0-0-1 0:0:0 w1 y0 dst-1";
+
+TEST(TimevalBrokenDown, RefusalsWarnAndGiveTheFarValue) {
+  ScopedTz utc("UTC");
+  TimevalWarnings w;
+  const TimezoneData *ny = getTimezone("America/New_York");
+  ASSERT_NE(ny, nullptr);
+
+  LocalStructTm local;
+  EXPECT_FALSE(local.fromUnixTime(32535244800));
+  EXPECT_EQ(fields(local), FAR_FUTURE);
+  LocalStructTmHires hires;
+  EXPECT_FALSE(hires.fromUnixTime(Timeval(INT64_MIN, 5)));
+  EXPECT_EQ(fields(hires), FAR_PAST);
+  EXPECT_EQ(hires.tv_usec, 0);
+  StructTmInTimezone zoned(ny);
+  EXPECT_FALSE(zoned.fromUnixTime(INT64_MAX));
+  EXPECT_EQ(fields(zoned), FAR_FUTURE);
+  EXPECT_EQ(zoned.tm_gmtoff, -18000);  // the zone fields of time 0
+  StructTmInTimezoneHires zh(ny);
+  EXPECT_FALSE(zh.fromUnixTime(Timeval(32535244800, 1)));
+  EXPECT_EQ(zh.tv_usec, 999999);
+  GmtStructTm gmt;
+  EXPECT_FALSE(gmt.fromUnixTime(32535244800));  // no warning for UTC
+  EXPECT_EQ(fields(gmt), FAR_FUTURE);
+  EXPECT_TRUE(gmt.fromUnixTime(32535244799));
+
+  EXPECT_THAT(w.rec.lines,
+              ElementsAre("LocalStructTm::fromUnixTime(32535244800) failed!",
+                          "LocalStructTmHires::fromUnixTime(-9223372036854775808) failed!",
+                          "StructTmInTimezone::fromUnixTime(9223372036854775807) failed!",
+                          "StructTmInTimezoneHires::fromUnixTime(32535244800) failed!"));
+}
+
+TEST(TimevalBrokenDown, BackToInstantsThroughGapsAndOverlaps) {
+  ScopedTz utc("UTC");
+  TimevalWarnings w;
+  const TimezoneData *ny = getTimezone("America/New_York");
+  ASSERT_NE(ny, nullptr);
+  auto local = [&](int isdst, int day, int hour, int min) {
+    StructTmInTimezoneHires tm(ny);
+    tm.tm_year = 124;
+    tm.tm_mon = day < 20 ? 2 : 10;
+    tm.tm_mday = day < 20 ? day : day - 20;
+    tm.tm_hour = hour;
+    tm.tm_min = min;
+    tm.tm_isdst = isdst;
+    tm.tv_usec = 250;
+    return tm.toUnixTime();
+  };
+  EXPECT_EQ(show(local(0, 10, 1, 59)), "1710053940,250");
+  EXPECT_EQ(show(local(-1, 10, 3, 0)), "1710054000,250");
+  EXPECT_EQ(show(local(-1, 10, 2, 30)), "MAX");  // the spring gap
+  EXPECT_EQ(show(local(1, 23, 1, 30)), "1730611800,250");
+  EXPECT_EQ(show(local(0, 23, 1, 30)), "1730615400,250");
+  EXPECT_EQ(show(local(-1, 23, 1, 30)), "MAX");  // the autumn overlap with no hint
+
+  StructTmInTimezone back(ny);
+  ASSERT_TRUE(back.fromUnixTime(1730615400));
+  EXPECT_EQ(fields(back), "124-10-3 1:30:0 w0 y307 dst0");
+  EXPECT_EQ(show(back.toUnixTime()), "1730615400,0");
+
+  // -1 is a failure even as the true instant 1969-12-31 23:59:59 UTC.
+  GmtStructTm gmt;
+  ASSERT_TRUE(gmt.fromUnixTime(-1));
+  EXPECT_EQ(show(gmt.toUnixTime()), "MIN");
+  gmt = GmtStructTm();
+  gmt.tm_year = 70;
+  gmt.tm_mday = 1;
+  gmt.tm_sec = -1;  // normalizes to the same instant; the year given picks MAX_TIME
+  EXPECT_EQ(show(gmt.toUnixTime()), "MAX");
+  LocalStructTmHires lh;
+  ASSERT_TRUE(lh.fromUnixTime(Timeval(1710054000, 42)));
+  EXPECT_EQ(show(lh.toUnixTime()), "1710054000,42");
+
+  EXPECT_THAT(w.rec.lines,
+              ElementsAre("StructTmInTimezoneHires::toUnixTime(2024-3-10 2:30:00) failed!",
+                          "StructTmInTimezoneHires::toUnixTime(2024-11-3 1:30:00) failed!",
+                          "GmtStructTm::toUnixTime(1969-12-31 23:59:59) failed!",
+                          "GmtStructTm::toUnixTime(1970-1-1 0:00:-1) failed!"));
+}
+
+TEST(TimevalBrokenDown, ZoneWithoutTypes) {
+  // A cleared table has neither transitions nor types: every instant is offset 0 with no name.
+  TimezoneData empty;
+  StructTmInTimezone tm(&empty);
+  ASSERT_TRUE(tm.fromUnixTime(1710054000));
+  EXPECT_EQ(fields(tm), "124-2-10 7:0:0 w0 y69 dst0");
+  EXPECT_EQ(tm.tm_gmtoff, 0);
+  EXPECT_STREQ(tm.tm_zone, "");
+  EXPECT_EQ(show(tm.toUnixTime()), "1710054000,0");
+}
+
+}  // namespace
