@@ -1,8 +1,5 @@
 #include "basicutil/TimeFormatParse.h"
 
-// The result type lives with the calendar code; without it there is nothing to parse into.
-#if __has_include("basicutil/DateTime.h")
-
 #include <cstring>
 
 #include "basicutil/DateTime.h"
@@ -617,5 +614,3 @@ const char *rawParse(const TimeFormat &format, TimeFormatRawParseResult &r, cons
 }
 
 }  // namespace morvek
-
-#endif

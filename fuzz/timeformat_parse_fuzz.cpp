@@ -8,10 +8,8 @@
 #include <cstring>
 #include <memory>
 
-#include "basicutil/TimeFormatParse.h"
-
-#if __has_include("basicutil/DateTime.h")
 #include "basicutil/DateTime.h"
+#include "basicutil/TimeFormatParse.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 1) return 0;
@@ -36,7 +34,3 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (r.subsec > 999999 || r.subsec_digits > 6 || r.conflicts < 0) abort();
   return 0;
 }
-
-#else
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *, size_t) { return 0; }
-#endif
