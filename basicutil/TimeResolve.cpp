@@ -194,6 +194,7 @@ bool Timeval::set(TimeFormatRawParseResult &r, TimeGuesser *guesser, ParseDetail
   TimeGuesser &g = guesser != nullptr ? *guesser : TimeGuesser::plain();
   ParseDetails scratch;
   ParseDetails &d = details != nullptr ? *details : scratch;
+  d = ParseDetails{};
   d.precision = (r.have & PR::HAVE_SUBSEC) ? r.subsec_digits : 0;
   d.zone_given = 1;
   uint64_t subsec = (r.have & PR::HAVE_SUBSEC) ? r.subsec : 0;
