@@ -203,7 +203,7 @@ bool Timeval::set(TimeFormatRawParseResult &r, TimeGuesser *guesser, ParseDetail
   if (r.have & PR::HAVE_EPOCH) {
     t = r.epoch;
     struct tm tm;
-    if (breakDownUtc(t, tm)) {
+    if (details != nullptr && breakDownUtc(t, tm)) {
       d.year = tm.tm_year + 1900;
       d.month = tm.tm_mon;
       d.monthday = tm.tm_mday;
@@ -327,17 +327,20 @@ bool Timeval::set(TimeFormatRawParseResult &r, TimeGuesser *guesser, ParseDetail
     }
 
     d.offset = have_offset ? r.tzoffset : local - t;
-    d.year = r.year;
-    d.month = r.month;
-    d.monthday = r.monthday;
-    d.weekday =
-        (r.have & PR::HAVE_WEEKDAY) ? r.weekday : weekdayOfDate(r.year, r.month, r.monthday);
-    if (have_time) {
-      d.hour = static_cast<int32_t>((local - dayStartTime(r)) / 3600);
-      d.minute = r.minute;
-      d.second = second;
-    } else {
-      d.hour = d.minute = d.second = 0;
+    // The broken-down fields cost a weekday and a day start; only when asked for.
+    if (details != nullptr) {
+      d.year = r.year;
+      d.month = r.month;
+      d.monthday = r.monthday;
+      d.weekday =
+          (r.have & PR::HAVE_WEEKDAY) ? r.weekday : weekdayOfDate(r.year, r.month, r.monthday);
+      if (have_time) {
+        d.hour = static_cast<int32_t>((local - dayStartTime(r)) / 3600);
+        d.minute = r.minute;
+        d.second = second;
+      } else {
+        d.hour = d.minute = d.second = 0;
+      }
     }
   }
 
