@@ -182,7 +182,7 @@ class TimezoneData {
 // The cached lookup by name: the cache, then the set of failed names (null), then, with
 // allow_aliases, the alias hook, then a load. The object is shared by every caller of the same
 // name and lives until exit. Null if the zone can't be had; the name is then remembered as
-// failed (the set of failed names is emptied when it reaches 2049). Takes the zone lock.
+// failed (a set that is emptied before it would grow past 2049 names). Takes the zone lock.
 const TimezoneData *getTimezone(StrSegment name, bool allow_aliases = true);
 const TimezoneData *getTimezone(const char *name, bool allow_aliases = true);
 // The local zone: TZ when set and not empty, else "localtime" (/etc/localtime); failing those

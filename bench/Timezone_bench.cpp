@@ -1,9 +1,14 @@
 // The zone engine against glibc (localtime_r and mktime with TZ set), cctz and abseil: offset
 // at an instant, local time to UTC, and the first load of a zone.
-#include <absl/time/time.h>
 #include <benchmark/benchmark.h>
+
+#if MORVEK_BENCH_ABSL
+#include <absl/time/time.h>
+#endif
+#if MORVEK_BENCH_CCTZ
 #include <cctz/civil_time.h>
 #include <cctz/time_zone.h>
+#endif
 
 #include <chrono>
 #include <cstdlib>
@@ -66,6 +71,7 @@ void offsetLocaltime(benchmark::State &state, const char *zone) {
   }
 }
 
+#if MORVEK_BENCH_CCTZ
 void offsetCctz(benchmark::State &state, const char *zone) {
   cctz::time_zone tz;
   cctz::load_time_zone(zone, &tz);
@@ -78,6 +84,9 @@ void offsetCctz(benchmark::State &state, const char *zone) {
   }
 }
 
+#endif
+
+#if MORVEK_BENCH_ABSL
 void offsetAbsl(benchmark::State &state, const char *zone) {
   absl::TimeZone tz;
   absl::LoadTimeZone(zone, &tz);
@@ -86,6 +95,8 @@ void offsetAbsl(benchmark::State &state, const char *zone) {
   for (auto _ : state)
     benchmark::DoNotOptimize(tz.At(absl::FromUnixSeconds(at[i++ % SAMPLES])).offset);
 }
+
+#endif
 
 void toUtcOurs(benchmark::State &state, const char *zone) {
   const TimezoneData *tz = getTimezone(zone);
@@ -109,6 +120,7 @@ void toUtcMktime(benchmark::State &state, const char *zone) {
   }
 }
 
+#if MORVEK_BENCH_CCTZ
 void toUtcCctz(benchmark::State &state, const char *zone) {
   cctz::time_zone tz;
   cctz::load_time_zone(zone, &tz);
@@ -119,6 +131,8 @@ void toUtcCctz(benchmark::State &state, const char *zone) {
   size_t i = 0;
   for (auto _ : state) benchmark::DoNotOptimize(tz.lookup(civil[i++ % SAMPLES]).pre);
 }
+
+#endif
 
 // Zone names to load, each once: cctz keeps what it loaded, so only a name's first load is
 // measured, and ours loads uncached objects over the same names.
@@ -145,6 +159,7 @@ void loadOurs(benchmark::State &state) {
     benchmark::DoNotOptimize(tz->loadByName(zoneNames()[i++ % zoneNames().size()]));
 }
 
+#if MORVEK_BENCH_CCTZ
 void loadCctz(benchmark::State &state) {
   size_t i = 0;
   for (auto _ : state) {
@@ -152,6 +167,8 @@ void loadCctz(benchmark::State &state) {
     benchmark::DoNotOptimize(cctz::load_time_zone(zoneNames()[i++ % zoneNames().size()], &tz));
   }
 }
+
+#endif
 
 }  // namespace
 
@@ -163,16 +180,24 @@ int main(int argc, char **argv) {
     const std::string g = std::string("TzOffset/") + z.label;
     benchmark::RegisterBenchmark((g + "/Ours").c_str(), offsetOurs, z.zone);
     benchmark::RegisterBenchmark((g + "/localtime_r").c_str(), offsetLocaltime, z.zone);
+#if MORVEK_BENCH_CCTZ
     benchmark::RegisterBenchmark((g + "/cctz").c_str(), offsetCctz, z.zone);
+#endif
+#if MORVEK_BENCH_ABSL
     benchmark::RegisterBenchmark((g + "/absl").c_str(), offsetAbsl, z.zone);
+#endif
     const std::string u = std::string("TzLocalToUtc/") + z.label;
     benchmark::RegisterBenchmark((u + "/Ours").c_str(), toUtcOurs, z.zone);
     benchmark::RegisterBenchmark((u + "/mktime").c_str(), toUtcMktime, z.zone);
+#if MORVEK_BENCH_CCTZ
     benchmark::RegisterBenchmark((u + "/cctz").c_str(), toUtcCctz, z.zone);
+#endif
   }
   const auto n = static_cast<benchmark::IterationCount>(zoneNames().size());
   benchmark::RegisterBenchmark("TzFirstLoad/ByName/Ours", loadOurs)->Iterations(n);
+#if MORVEK_BENCH_CCTZ
   benchmark::RegisterBenchmark("TzFirstLoad/ByName/cctz", loadCctz)->Iterations(n);
+#endif
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
