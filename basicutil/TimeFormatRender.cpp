@@ -50,19 +50,24 @@ class Sink {
 
   // Room for n bytes (n <= CAPACITY), to be written at once.
   char *room(size_t n) {
-    if (n > CAPACITY - _n) flush();
+    if (__builtin_expect(n > CAPACITY - _n, 0)) flush();
     char *p = _buf + _n;
     _n += n;
     return p;
   }
   void put(char c) { *room(1) = c; }
   void put(const char *p, size_t n) {
+    if (n == 1) {  // most literals are one separator: no call to memcpy for them
+      put(*p);
+      return;
+    }
     if (n > CAPACITY) {
       flush();
       _out.append(p, n);
       return;
     }
-    memcpy(room(n), p, n);
+    char *dst = room(n);
+    for (size_t i = 0; i < n; ++i) dst[i] = p[i];  // short runs: cheaper than a call
   }
   void fill(char c, uint64_t n) {
     if (n > CAPACITY) {
@@ -72,7 +77,7 @@ class Sink {
     }
     memset(room(n), c, n);
   }
-  void flush() {
+  __attribute__((noinline)) void flush() {
     _out.append(_buf, _n);
     _n = 0;
   }
@@ -169,13 +174,14 @@ void putOffset(Sink &sink, int64_t offset, const TimeFormatAtom *a) {
     putDigitsFixed(digits, hh * 100 + mm, 4);
     n = 4;
   } else {
-    const int groups = fty == TF::TZ_AS_COLONOFFSET    ? 2
-                       : fty != TF::TZ_AS_NEEDEDOFFSET ? 3
-                       : ss != 0                       ? 3
-                       : mm != 0                       ? 2
-                                                       : 1;
-    if (fty != TF::TZ_AS_COLONOFFSET && fty != TF::TZ_AS_NEEDEDOFFSET) {
+    int groups;
+    if (fty == TF::TZ_AS_COLONOFFSET) {
+      groups = 2;
+    } else if (fty == TF::TZ_AS_NEEDEDOFFSET) {
+      groups = ss != 0 ? 3 : mm != 0 ? 2 : 1;
+    } else {
       MV_ASSERT(fty == TimeFormat::TZ_AS_SECOFFSET);
+      groups = 3;
     }
     const uint64_t parts[3] = {hh, mm, ss};
     n = 0;
@@ -235,11 +241,10 @@ class EpochSide {
 void putSubseconds(Sink &sink, int32_t usec, EpochSide &side, const TimeFormatAtom *a) {
   uint32_t v = usec < 0 ? 0 : usec > 999999 ? 999999 : static_cast<uint32_t>(usec);
   if (v != 0 && side.before()) v = 1000000 - v;
+  static constexpr uint32_t CUT[6] = {100000, 10000, 1000, 100, 10, 1};
   const uint64_t width = a->width;
   const size_t digits = width < 6 ? static_cast<size_t>(width) : 6;
-  char six[6];
-  putDigitsFixed(six, v, 6);
-  sink.put(six, digits);
+  if (digits != 0) putDigitsFixed(sink.room(digits), v / CUT[digits - 1], digits);
   if (width > 6) sink.fill('0', width - 6);
 }
 
@@ -429,7 +434,16 @@ void render(const TimeFormat &format, Str &out, const struct tm &tm, int32_t use
         v = (tm.tm_mday + 6) / 7;
         break;
     }
-    putSigned(sink, v, a);
+    // The common two- and four-digit fields, inline.
+    if (a->x.conv.padding == PAD_ZERO && static_cast<uint64_t>(v) < 100 && a->width == 2) {
+      memcpy(sink.room(2), DIGIT_PAIRS + 2 * v, 2);
+    } else if (a->x.conv.padding == PAD_ZERO && static_cast<uint64_t>(v) < 10000 && a->width == 4) {
+      char *p = sink.room(4);
+      memcpy(p, DIGIT_PAIRS + 2 * (v / 100), 2);
+      memcpy(p + 2, DIGIT_PAIRS + 2 * (v % 100), 2);
+    } else {
+      putSigned(sink, v, a);
+    }
   }
   sink.flush();
 }

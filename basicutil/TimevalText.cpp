@@ -210,22 +210,26 @@ void Timeval::render(Str &out) const {
 }
 
 void Timeval::renderDecimal(Str &out, unsigned decimals) const {
+  char buf[DECIMAL_I64_MAX_CHARS + 8];
+  size_t n;
   uint32_t fraction;
   if (_tv.tv_sec < 0 && _tv.tv_usec != 0) {
-    out.push_back('-');
-    appendNumber(out, static_cast<uint64_t>(-(_tv.tv_sec + 1)));
+    buf[0] = '-';
+    n = 1 + writeDecimalU64(buf + 1, static_cast<uint64_t>(-(_tv.tv_sec + 1)));
     fraction = static_cast<uint32_t>(USEC_PER_SEC - _tv.tv_usec);
   } else {
-    appendNumber(out, _tv.tv_sec);
+    n = writeDecimalI64(buf, _tv.tv_sec);
     fraction = static_cast<uint32_t>(_tv.tv_usec);
   }
-  if (decimals == 0) return;
-  out.push_back('.');
-  uint32_t weight = FRAC_START_DIGIT;
-  for (unsigned i = 0; i < decimals; ++i) {
-    out.push_back(weight == 0 ? '0' : static_cast<char>('0' + fraction / weight % 10));
-    weight /= 10;
+  if (decimals != 0) {
+    // Six digits of the fraction, most significant first; those past decimals are dropped.
+    buf[n] = '.';
+    for (size_t i = 6; i >= 1; --i, fraction /= 10)
+      buf[n + i] = static_cast<char>('0' + fraction % 10);
+    n += 1 + (decimals < 6 ? decimals : 6);
   }
+  out.append(buf, n);
+  if (decimals > 6) out.append(decimals - 6, '0');
 }
 
 bool Timeval::mem_parse_into(const char *bytes, size_t length) {

@@ -159,4 +159,21 @@ std::string StderrCapture::finish() {
   return text;
 }
 
+ScopedTz::ScopedTz(const char *zone) {
+  const char *old = getenv("TZ");
+  _had = old != nullptr;
+  if (_had) _saved = old;
+  setenv("TZ", zone, 1);
+  tzset();
+}
+
+ScopedTz::~ScopedTz() {
+  if (_had) {
+    setenv("TZ", _saved.c_str(), 1);
+  } else {
+    unsetenv("TZ");
+  }
+  tzset();
+}
+
 }  // namespace testutil

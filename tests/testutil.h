@@ -67,4 +67,15 @@ class StderrCapture {
   int _fd = -1;
 };
 
+// Sets TZ (and calls tzset) for its lifetime, then restores the previous value or its absence.
+class ScopedTz {
+ public:
+  explicit ScopedTz(const char *zone);
+  ~ScopedTz();
+
+ private:
+  bool _had;
+  std::string _saved;
+};
+
 }  // namespace testutil

@@ -17,30 +17,13 @@
 #include "basicutil/TimeFormat.h"
 #include "basicutil/Timeval.h"
 #include "basicutil/Timezone.h"
+#include "testutil.h"
 
 using namespace morvek;
 
 namespace {
 
-struct ScopedTz {
-  explicit ScopedTz(const char *zone) {
-    const char *old = getenv("TZ");
-    had = old != nullptr;
-    if (had) saved = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTz() {
-    if (had) {
-      setenv("TZ", saved.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-  bool had;
-  std::string saved;
-};
+using testutil::ScopedTz;
 
 std::string renderIn(const char *format, const char *zone, Timeval t) {
   TimeFormat f;
@@ -292,9 +275,14 @@ TEST(TimeRenderDifferential, MatchesStrftimeInTheCLocale) {
     const int64_t our_first = ours->timecnt ? ours->ats[0] : INT64_MAX;
     const int64_t our_last = ours->timecnt ? ours->ats[ours->timecnt - 1] : INT64_MIN;
     for (int i = 0; i < 2500; ++i) {
-      // Mostly anywhere in range; some near 1900, where local times cross into 1899.
-      int64_t t = i % 10 == 0 ? lo + static_cast<int64_t>(rng() % 86400)
-                              : lo + static_cast<int64_t>(rng() % static_cast<uint64_t>(hi - lo));
+      // Mostly anywhere in range; some near 1900, where local times cross into 1899, and some
+      // within two hours of a transition, in the gaps and overlaps.
+      int64_t t = lo + static_cast<int64_t>(rng() % static_cast<uint64_t>(hi - lo));
+      if (i % 10 == 0) t = lo + static_cast<int64_t>(rng() % 86400);
+      if (i % 10 == 1 && ours->timecnt > 0) {
+        t = ours->ats[rng() % ours->timecnt] + static_cast<int64_t>(rng() % 14400) - 7200;
+        if (t < lo || t >= hi) continue;
+      }
       const time_t tt = static_cast<time_t>(t);
       struct tm gtm;
       ASSERT_TRUE(zone.utc ? gmtime_r(&tt, &gtm) : localtime_r(&tt, &gtm));
@@ -304,7 +292,10 @@ TEST(TimeRenderDifferential, MatchesStrftimeInTheCLocale) {
       const char *outside_table =
           t < our_first  ? "%s or breakdown before the zone table's first transition"
           : t > our_last ? "%s or breakdown past the zone table's last transition"
-                         : nullptr;
+          // Just after the first transition glibc's mktime sees an overlap with the type
+          // before it, which the engine's table does not have.
+          : t - our_first < 86400 ? "%s just after the zone table's first transition"
+                                  : nullptr;
       if (!zone.utc && !zone.local) {
         struct tm mine;
         ASSERT_TRUE(ours->breakDown(t, mine));

@@ -15,10 +15,10 @@
 #include "basicutil/Str.h"
 #include "basicutil/Timeval.h"
 #include "basicutil/Timezone.h"
+#include "testutil.h"
 
 using namespace morvek;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 namespace {
 
@@ -51,26 +51,7 @@ struct TimevalWarnings {
   ScopedLogObserverRegistration reg{&channel(), &rec};
 };
 
-// Runs with TZ set, restoring the previous value.
-struct ScopedTz {
-  explicit ScopedTz(const char *zone) {
-    const char *old = getenv("TZ");
-    had = old != nullptr;
-    if (had) saved = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTz() {
-    if (had) {
-      setenv("TZ", saved.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-  bool had;
-  std::string saved;
-};
+using testutil::ScopedTz;
 
 TEST(TimevalSortable, FixedForms) {
   const Timeval before1601(-20000000000, 0), past40bits(INT64_MAX - 1, 0);
@@ -98,12 +79,9 @@ TEST(TimevalSortable, ReadsBackAndRefuses) {
       {"0CDVRQRG7EDCK0", true, "1710054000,250000"},
       {"0cdvrqrg7edck0", true, "1710054000,250000"},
       {"znullztimezzzz", true, "0,0"},
-      {"ZMAXZTIMEZZZZZ", true, "MAX"},
       {"zMINzTIMEzzzzz", true, "MIN"},
-      {"0CDVRQRG7EDCK", false, ""},    // 13 characters
-      {"0CDVRQRG7EDCK00", false, ""},  // 15
-      {"0CDVRQRG7EDCKW", false, ""},   // W is past the alphabet
-      {"0CDVRQRG7EDC!0", false, ""},
+      {"0CDVRQRG7EDCK", false, ""},   // 13 characters
+      {"0CDVRQRG7EDCKW", false, ""},  // W is past the alphabet
       {"0CDVRQRGVVVVVV", false, ""},  // nanoseconds past 999999999
       {"zNULLzTIMEzzzy", false, ""},  // not a word, and z is no digit
   };
@@ -155,10 +133,7 @@ TEST(TimevalDecimal, RendersTruncatedDigits) {
   } cases[] = {
       {Timeval(-1, 500000), 2, "-0.50"},
       {Timeval(5, 123456), 8, "5.12345600"},
-      {Timeval(5, 123999), 3, "5.123"},
-      {Timeval(-2, 0), 3, "-2.000"},
       {Timeval(-2, 1), 6, "-1.999999"},
-      {Timeval(7, 5), 0, "7"},
       {Timeval(-7, 5), 0, "-6"},
       {Timeval(INT64_MIN, 1), 1, "-9223372036854775807.9"},
       {Timeval(INT64_MIN, 0), 1, "-9223372036854775808.0"},
@@ -177,28 +152,19 @@ TEST(TimevalDecimal, ParsesSignedDecimals) {
   } cases[] = {
       {"-0.5", "-1,500000"},
       {"3.", "3,0"},
-      {"12", "12,0"},
       {"1.2345678", "1,234567"},
-      {"0.000001", "0,1"},
-      {"-3", "-3,0"},
       {"-3.000", "-3,0"},
       {"9223372036854775807.5", "9223372036854775807,500000"},
       {"-9223372036854775808", "MIN"},
       {"-9223372036854775807.5", "-9223372036854775808,500000"},
       {"9223372036854775808", nullptr},
       {"-9223372036854775808.5", nullptr},
-      {"-9223372036854775809", nullptr},
-      {"99999999999999999999", nullptr},
       {".5", nullptr},
       {"-.5", nullptr},
       {"1.2.3", nullptr},
       {"", nullptr},
-      {"-", nullptr},
-      {"+1", nullptr},
       {" 1", nullptr},
-      {"1 ", nullptr},
       {"1.5x", nullptr},
-      {"1e3", nullptr},
   };
   for (const Case &c : cases) {
     Timeval t;
@@ -224,13 +190,10 @@ TEST(TimevalDecimal, WholeSecondsSaturate) {
       {"9223372036854775807", true, INT64_MAX},
       {"9223372036854775808", true, INT64_MAX},
       {"-9223372036854775808", true, INT64_MIN},
-      {"-9223372036854775809", true, INT64_MIN},
       {"184467440737095516160", true, INT64_MAX},  // wraps 64 bits if not caught
       {"-999999999999999999999999", true, INT64_MIN},
       {"99999999999999999999x", false, 0},
       {"", false, 0},
-      {"-", false, 0},
-      {"1.5", false, 0},
   };
   for (const Case &c : cases) {
     int64_t v = 7;
@@ -242,17 +205,14 @@ TEST(TimevalDecimal, WholeSecondsSaturate) {
 }
 
 TEST(TimevalSubseconds, EncodesAndAddsBack) {
-  EXPECT_EQ(Timeval(9, 50000).encodeSubseconds(3), 202u);
-  EXPECT_EQ(show(Timeval(0, 0).addEncodedSubseconds(202)), "0,50000");
   struct Case {
     Timeval base;
     uint64_t code;
     const char *want;
   } cases[] = {
-      {Timeval(5, 0), 202, "5,50000"},
+      {Timeval(0, 0), 202, "0,50000"},
       {Timeval(-5, 0), 202, "-6,950000"},  // -5.05
       {Timeval(5, 990000), 202, "6,40000"},
-      {Timeval(3, 7), 0, "3,7"},
       {Timeval(3, 7), 1 << 4, "3,7"},
       {MAX_TIME, Timeval(0, 500000).encodeSubseconds(1), "MAX"},
       {Timeval(INT64_MIN, 0), Timeval(0, 500000).encodeSubseconds(1), "MIN"},
@@ -260,9 +220,9 @@ TEST(TimevalSubseconds, EncodesAndAddsBack) {
   for (const Case &c : cases) {
     EXPECT_EQ(show(Timeval(c.base).addEncodedSubseconds(c.code)), c.want) << c.code;
   }
-  EXPECT_EQ(Timeval(1, 0).encodeSubseconds(3), 8u);  // zero fraction: a power of two
-  EXPECT_EQ(Timeval(1, 5).encodeSubseconds(0), 1u);
+  EXPECT_EQ(Timeval(9, 50000).encodeSubseconds(3), 202u);
   EXPECT_EQ(Timeval(-1, 950000).encodeSubseconds(3), 202u);  // -0.05
+  EXPECT_EQ(Timeval(1, 0).encodeSubseconds(3), 8u);          // zero fraction: a power of two
 
   // Any fraction, any digit count: adding the code to 0 gives the fraction cut to the digits.
   std::mt19937 rng(7);
@@ -287,22 +247,18 @@ TEST(TimevalDescription, UnitsValuesAndText) {
     double value;
     const char *text;
   } cases[] = {
-      {Timeval(13, 0), Timeval(10, 0), " milliseconds", true, 3000, "3000 milliseconds"},
       {Timeval(10, 0), Timeval(13, 0), " milliseconds", true, 3000, "-3000 milliseconds"},
       {Timeval(8010, 0), Timeval(10, 0), " seconds", false, 8000, "8000.0 seconds"},
       {Timeval(9010, 0), Timeval(10, 0), " hours", false, 2.5, "2.500 hours"},
       {Timeval(15, 250000), Timeval(10, 0), " seconds", false, 5.25, "5.250 seconds"},
       {Timeval(10, 12500), Timeval(10, 0), " milliseconds", false, 12.5, "12.50 milliseconds"},
       {Timeval(10, 3001), Timeval(10, 0), " milliseconds", false, 3.001, "3.001 milliseconds"},
-      {Timeval(10, 3000), Timeval(10, 0), " microseconds", true, 3000, "3000 microseconds"},
       {Timeval(10, 1), Timeval(10, 0), " microseconds", true, 1, "1 microsecond"},
-      {Timeval(10, 0), Timeval(10, 0), " microseconds", true, 0, "0 microseconds"},
       {Timeval(10, 0), Timeval(9, 999999), " microseconds", true, 1, "1 microsecond"},
   };
   for (const Case &c : cases) {
     DurationDescription d = Timeval::describeDifference(c.a, c.b);
     EXPECT_STREQ(d.unit, c.unit) << c.text;
-    EXPECT_EQ(d.unit_len, strlen(c.unit));
     EXPECT_EQ(d.is_integer, c.is_integer) << c.text;
     EXPECT_DOUBLE_EQ(d.asDouble(), c.value) << c.text;
     Str s;
@@ -318,7 +274,6 @@ TEST(TimevalRender, ReadableForms) {
       {MAX_TIME, "MAX_TIME"},
       {Timeval(0, 5), "ZERO_TIME"},
       {Timeval(1710054000, 7), "Sun Mar 10 07:00:00 2024"},
-      {Timeval(32535244799, 0), "Thu Jan  1 07:59:59 3001"},
       {Timeval(32535244800, 0), "INVALID_TIME (32535244800)"},
       {Timeval(INT64_MIN, 1), "INVALID_TIME (-9223372036854775808)"},
   };
