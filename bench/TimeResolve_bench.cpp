@@ -21,7 +21,9 @@
 #endif
 #ifdef MORVEK_BENCH_HAVE_DATE
 // date's parser trips g++'s maybe-uninitialized analysis when inlined here.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include "date/date.h"
 #endif
 
