@@ -1,8 +1,5 @@
 #include "basicutil/TimeFormatParse.h"
 
-// The result type lives with the calendar code; without it there is nothing to parse into.
-#if __has_include("basicutil/DateTime.h")
-
 #include <cstring>
 
 #include "basicutil/DateTime.h"
@@ -518,16 +515,17 @@ bool parseMinutesOffset(const char *begin, const char *end, int64_t &offset) {
 
 void setFracsec(TimeFormatRawParseResult &r, const char *begin, const char *end) {
   MV_ASSERT(end >= begin);
-  uint64_t value = 0, place = 100000;
+  static constexpr uint32_t scale[7] = {1000000, 100000, 10000, 1000, 100, 10, 1};
+  uint64_t value = 0;
   int digits = 0;
   for (const char *a = begin; a < end; ++a) {
     const unsigned c = static_cast<unsigned>(*a - '0');
     MV_ASSERT(c <= 9);
     if (digits == 6) continue;
-    value += c * place;
-    place /= 10;
+    value = value * 10 + c;
     ++digits;
   }
+  value *= scale[digits];
   if (!(r.have & PR::HAVE_SUBSEC) || r.subsec_digits < digits) {
     r.have |= PR::HAVE_SUBSEC;
     r.subsec = value;
@@ -617,5 +615,3 @@ const char *rawParse(const TimeFormat &format, TimeFormatRawParseResult &r, cons
 }
 
 }  // namespace morvek
-
-#endif

@@ -14,6 +14,9 @@ struct TimeFormatRawParseResult;
 class Str;
 class TimezoneData;
 struct DurationDescription;
+struct TimeFormatRawParseResult;
+class TimeGuesser;
+struct ParseDetails;
 
 class Timeval {
  public:
@@ -30,6 +33,10 @@ class Timeval {
   constexpr Timeval(int64_t sec, int32_t usec) : _tv{sec, usec} {}
 
   static Timeval now();
+  // Resolves a raw parse into this time, guessing what the text left out (TimeResolve.h); the
+  // plain guesser when null. False, with the time unchanged, when it can't be resolved.
+  bool set(TimeFormatRawParseResult &result, TimeGuesser *guesser = nullptr,
+           ParseDetails *details = nullptr);
   static Timeval fromDouble(double seconds);
   static uint64_t secondsToUsec(double seconds);
 

@@ -11,6 +11,7 @@
 
 #include "basicutil/FileDescriptor.h"
 #include "basicutil/Thread.h"
+#include "basicutil/TimezoneNames.h"
 #include "libzero/fatal-assert.h"
 
 namespace morvek {
@@ -311,7 +312,7 @@ bool TimezoneData::loadByName(StrSegment zone) {
   return parsePosixString(zone);
 }
 
-const char *timezoneAliasTarget(StrSegment) { return nullptr; }
+const char *timezoneAliasTarget(StrSegment name) { return aliasForZoneName(name); }
 
 namespace {
 

@@ -6,13 +6,9 @@
 #include <cstring>
 #include <ctime>
 
+#include "basicutil/DateTime.h"
 #include "basicutil/TimeFormat.h"
 #include "basicutil/TimeFormatParse.h"
-
-#if __has_include("basicutil/DateTime.h")
-#include "basicutil/DateTime.h"
-#define MORVEK_BENCH_HAVE_RAW_PARSE 1
-#endif
 #ifdef MORVEK_BENCH_HAVE_ABSL_TIME
 #include "absl/time/time.h"
 #endif
@@ -30,7 +26,6 @@ void compileFormat(benchmark::State &state, const char *text) {
   }
 }
 
-#ifdef MORVEK_BENCH_HAVE_RAW_PARSE
 void parseOurs(benchmark::State &state) {
   morvek::TimeFormat f(FORMAT);
   const char *end = LINE + strlen(LINE);
@@ -45,7 +40,6 @@ void parseOurs(benchmark::State &state) {
     benchmark::DoNotOptimize(r);
   }
 }
-#endif
 
 void parseStrptime(benchmark::State &state) {
   for (auto _ : state) {
@@ -72,9 +66,7 @@ void parseAbseil(benchmark::State &state) {
 BENCHMARK_CAPTURE(compileFormat, iso, "%FT%T.%Q%:z")->Name("TimeFormatCompile/Iso8601/Ours");
 BENCHMARK_CAPTURE(compileFormat, log, "%Y-%m-%d %H:%M:%S,%l")->Name("TimeFormatCompile/Log/Ours");
 BENCHMARK_CAPTURE(compileFormat, ctime, "%c %Z")->Name("TimeFormatCompile/Ctime/Ours");
-#ifdef MORVEK_BENCH_HAVE_RAW_PARSE
 BENCHMARK(parseOurs)->Name("TimeParse/DateTimeOffset/Ours");
-#endif
 BENCHMARK(parseStrptime)->Name("TimeParse/DateTimeOffset/strptime");
 #ifdef MORVEK_BENCH_HAVE_ABSL_TIME
 BENCHMARK(parseAbseil)->Name("TimeParse/DateTimeOffset/abseil");

@@ -1,7 +1,5 @@
 #include "basicutil/TimeFormatParse.h"
 
-#if __has_include("basicutil/DateTime.h")
-
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -271,5 +269,3 @@ TEST(TimeFormatParse, OffsetAndMonthHelpers) {
 }
 
 }  // namespace
-
-#endif

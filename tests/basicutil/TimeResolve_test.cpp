@@ -1,0 +1,399 @@
+// Resolution of parsed text into times: round trips through the renderer, a differential run
+// against glibc's strptime + timegm, and the guesses for what text leaves out.
+#include "basicutil/TimeResolve.h"
+
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+
+#include "basicutil/TimeRender.h"
+#include "basicutil/Timezone.h"
+
+using namespace morvek;
+
+namespace {
+
+// A guesser whose present is fixed, in a given zone.
+struct AnchoredGuesser : OnlyOverrideTimezoneTimeGuesser {
+  AnchoredGuesser(const TimezoneData *zone, int64_t anchor, bool future = false)
+      : OnlyOverrideTimezoneTimeGuesser(zone), _anchor(anchor), _future(future) {}
+  int64_t anchorTime() override { return _anchor; }
+  bool anchorIsFuture() override { return _future; }
+  int64_t _anchor;
+  bool _future;
+};
+
+const TimezoneData *zone(const char *name) {
+  const TimezoneData *z = getTimezone(name);
+  EXPECT_NE(z, nullptr) << name;
+  return z;
+}
+
+struct Parsed {
+  int64_t consumed = -1;
+  Timeval t;
+  ParseDetails details{};
+  int32_t conflicts = -1;
+};
+
+Parsed parse(const char *format, const std::string &text, TimeGuesser &g) {
+  Parsed p;
+  p.consumed = parseTime(TimeFormat(format), text, p.t, &g, nullptr, &p.details, &p.conflicts);
+  return p;
+}
+
+// ---- Round trips.
+
+TEST(TimeResolve, RenderedInstantsParseBack) {
+  struct Case {
+    const char *format;
+    int64_t unit;      // the precision the text keeps, in microseconds
+    bool names_zone;   // otherwise the guesser's zone is the text's
+    bool before_1970;  // the format can write times before 1971
+  } const cases[] = {
+      {"%Y-%m-%d %H:%M:%S %z", 1000000, true, false},
+      {"%FT%T.%6N%:z", 1, true, false},
+      {"%Y%m%d%H%M%S.%3N %::z", 1000, true, false},
+      {"%a %b %e %H:%M:%S %Y %z", 1000000, true, false},
+      {"%A, %d-%B-%y %I:%M:%S %p %:::z", 1000000, true, false},
+      {"%Y %j %T %Ez", 1000000, true, false},
+      {"%d/%b/%Y:%H:%M %z", 60000000, true, false},
+      {"%Y-%m-%d %H:%M:%S %Z", 1000000, true, false},
+      {"%Y-%m-%d %H:%M:%S.%6N", 1, false, false},
+      {"%s.%6N", 1, true, true},
+      {"%s", 1000000, true, true},
+  };
+  const char *zones[] = {"UTC",        "America/New_York", "America/Los_Angeles", "Europe/Berlin",
+                         "Asia/Tokyo", "Asia/Kathmandu",   "Australia/Adelaide"};
+  std::mt19937_64 rng(20251109);
+  std::uniform_int_distribution<int64_t> secs(31536000, 3000000000), usecs(0, 999999),
+      early(-2000000000, 31536000);
+  int checked = 0, overlaps = 0;
+  for (const Case &c : cases) {
+    const TimeFormat f(c.format);
+    for (const char *zn : zones) {
+      const TimezoneData *z = zone(zn);
+      AnchoredGuesser g(z, 1700000000);
+      for (int i = 0; i < 300; ++i) {
+        int64_t sec = i % 3 == 0 && c.before_1970 ? early(rng) : secs(rng);
+        // A zone whose offset has not changed since some time after 1970 counts as fixed at
+        // its latest offset (Kathmandu, +05:45 since 1986), so local text is read from 1987 on.
+        if (!c.names_zone && sec < 536457600) sec += 536457600;
+        const Timeval t(sec, static_cast<int32_t>(usecs(rng)));
+        Str text;
+        render(f, text, t, z);
+        Timeval back;
+        int32_t conflicts = -1;
+        ASSERT_EQ(parseTime(f, text, back, &g, nullptr, nullptr, &conflicts),
+                  static_cast<int64_t>(text.size()))
+            << c.format << " " << zn << " " << text.c_str();
+        const int64_t us = t.seconds() * 1000000 + t.microseconds();
+        // The text is the signed decimal value, cut toward zero.
+        const int64_t want = us / c.unit * c.unit;
+        const int64_t got = back.seconds() * 1000000 + back.microseconds();
+        if (!c.names_zone && conflicts == 1) {
+          // The autumn overlap: either reading renders the same text.
+          ++overlaps;
+          EXPECT_EQ(std::abs(got - want) % 3600000000, 0) << text.c_str();
+          Str again;
+          render(f, again, back, z);
+          EXPECT_EQ(again, text);
+          continue;
+        }
+        ASSERT_EQ(got, want) << c.format << " " << zn << " " << text.c_str();
+        ASSERT_EQ(conflicts, 0) << text.c_str();
+        ++checked;
+      }
+    }
+  }
+  EXPECT_GT(checked, 20000);
+  EXPECT_LT(overlaps, 20);
+}
+
+// ---- Differential against strptime + timegm, both reading text in UTC.
+
+const char *const SHARED_FORMATS[] = {
+    "%Y-%m-%d %H:%M:%S",
+    "%a %b %d %H:%M:%S %Y",
+    "%A, %d %B %Y %I:%M:%S %p",
+    "%d/%b/%Y:%H:%M:%S %z",
+    "%y%m%d%H%M%S",
+    "%Y%m%dT%H%M%S",
+    "%Y %j %T",
+    "%m/%d/%y %H:%M",
+    "%e %b %Y %H:%M:%S",
+    "%Y-%m-%d %H:%M:%S %z",
+};
+
+// glibc's reading, or INT64_MIN when it fails or leaves text over.
+int64_t glibcTime(const char *format, const char *text) {
+  struct tm tm;
+  memset(&tm, 0, sizeof tm);
+  const char *end = strptime(text, format, &tm);
+  if (end == nullptr || *end != '\0') return INT64_MIN;
+  const long offset = tm.tm_gmtoff;  // timegm clears it
+  return timegm(&tm) - offset;
+}
+
+int64_t oursTime(const char *format, const char *text, int32_t *conflicts = nullptr) {
+  TimeFormat f;
+  if (!f.set(format)) return INT64_MIN;
+  Timeval t;
+  const int64_t n = parseTime(f, text, t, nullptr, gmtTimezone(), nullptr, conflicts);
+  if (n != static_cast<int64_t>(strlen(text))) return INT64_MIN;
+  return t.seconds();
+}
+
+TEST(TimeResolveDifferential, AgreesWithStrptimeOnSharedConversions) {
+  std::mt19937_64 rng(77);
+  // Up to 2068, where two-digit years still read back as themselves.
+  std::uniform_int_distribution<int64_t> secs(31536000, 3124137599);
+  std::uniform_int_distribution<int> offsets(-14 * 4, 14 * 4);
+  int agreed = 0;
+  for (const char *format : SHARED_FORMATS) {
+    for (int i = 0; i < 2000; ++i) {
+      const int64_t t = secs(rng);
+      struct tm tm;
+      gmtime_r(&t, &tm);
+      tm.tm_gmtoff = offsets(rng) * 900;
+      char text[128];
+      ASSERT_GT(strftime(text, sizeof text, format, &tm), 0u);
+      const int64_t theirs = glibcTime(format, text);
+      ASSERT_NE(theirs, INT64_MIN) << format << " " << text;
+      ASSERT_EQ(oursTime(format, text), theirs) << format << " " << text;
+      ++agreed;
+    }
+  }
+  EXPECT_EQ(agreed, 20000);
+}
+
+// Inputs where the two part ways on purpose; each row must show its difference, and our reading.
+TEST(TimeResolveDifferential, NamedDeviations) {
+  struct Row {
+    const char *kind;
+    const char *format;
+    const char *text;
+    int64_t ours;  // INT64_MIN: we refuse it
+    int32_t conflicts;
+  } const rows[] = {
+      // A run of digits is cut at the field's width when another number follows; glibc backs
+      // off to a shorter valid value.
+      {"digit splitting", "%H%M", "930", INT64_MIN, 0},
+      {"digit splitting", "%Y-%m-%d %H%M%S", "2024-03-05 93000", INT64_MIN, 0},
+      // Chinese, Japanese and Korean meridians.
+      {"cjk forms", "%Y-%m-%d %I:%M %p", "2024-03-05 03:04 下午", 1709651040, 0},
+      {"cjk forms", "%Y-%m-%d %I:%M %p", "2024-03-05 03:04 午前", 1709607840, 0},
+      {"cjk forms", "%Y-%m-%d %I:%M %p", "2024-03-05 03:04 오후", 1709651040, 0},
+      // A repeated field keeps its first value and counts the contradiction; glibc takes the last.
+      {"conflict counting", "%Y-%m-%d %d", "2024-03-05 06", 1709596800, 1},
+      {"conflict counting", "%H:%M %Y-%m-%d %H", "10:00 2024-03-05 11", 1709632800, 1},
+      // Years outside 1971..2999 are not dates of events.
+      {"year range", "%Y-%m-%d", "1969-07-20", INT64_MIN, 0},
+      {"year range", "%Y-%m-%d", "3001-01-01", INT64_MIN, 0},
+  };
+  std::map<std::string, int> counts;
+  for (const Row &row : rows) {
+    int32_t conflicts = 0;
+    const int64_t ours = oursTime(row.format, row.text, &conflicts);
+    const int64_t theirs = glibcTime(row.format, row.text);
+    EXPECT_NE(ours, theirs) << row.kind << ": " << row.text;
+    EXPECT_EQ(ours, row.ours) << row.kind << ": " << row.text;
+    if (ours != INT64_MIN) {
+      EXPECT_EQ(conflicts, row.conflicts) << row.text;
+    }
+    ++counts[row.kind];
+  }
+  std::string summary;
+  for (const auto &[kind, n] : counts) summary += kind + " " + std::to_string(n) + "; ";
+  RecordProperty("deviations", summary);
+  EXPECT_EQ(counts.size(), 4u) << summary;
+}
+
+// ---- Guessing.
+
+constexpr int64_t JAN1_2025 = 1735689600;   // 2025-01-01 00:00:00 UTC
+constexpr int64_t MAR10_2025 = 1741564800;  // 2025-03-10 00:00:00 UTC
+
+TEST(TimeResolve, YearsTheTextLeftOut) {
+  struct Case {
+    const char *text;
+    int64_t anchor;
+    bool future;
+    int64_t want;
+  } const cases[] = {
+      {"Dec 31 23:59:59", JAN1_2025 + 10, false, JAN1_2025 - 1},
+      {"Jan  1 00:00:05", JAN1_2025 - 10, false, JAN1_2025 + 5},
+      {"Jan  1 00:00:05", JAN1_2025 + 10, false, JAN1_2025 + 5},
+      {"Feb 29 12:00:00", MAR10_2025, false, 1709208000},  // 2024
+      {"Feb 29 12:00:00", MAR10_2025, true, 1835438400},   // 2028
+      {"Mar 12 00:00:00", MAR10_2025, false, MAR10_2025 + 2 * 86400},
+      {"Mar 14 00:00:00", MAR10_2025, false, 1710374400},  // 2024: too far ahead for this year
+      {"Mar  1 00:00:00", MAR10_2025, true, 1772323200},   // 2026: too far behind a future anchor
+      {"Mar  8 00:00:00", MAR10_2025, true, MAR10_2025 - 2 * 86400},
+  };
+  for (const Case &c : cases) {
+    AnchoredGuesser g(gmtTimezone(), c.anchor, c.future);
+    const Parsed p = parse("%b %e %H:%M:%S", c.text, g);
+    ASSERT_EQ(p.consumed, static_cast<int64_t>(strlen(c.text))) << c.text;
+    EXPECT_EQ(p.t.seconds(), c.want) << c.text << " anchor " << c.anchor;
+    EXPECT_EQ(p.details.zone_given, 0);
+  }
+}
+
+TEST(TimeResolve, TwoDigitYearsAroundThePivot) {
+  AnchoredGuesser g(gmtTimezone(), MAR10_2025);
+  struct Case {
+    const char *text;
+    int year;
+  } const cases[] = {
+      {"00-06-01", 2000}, {"68-06-01", 2068}, {"69-06-01", 1969}, {"99-06-01", 1999}};
+  for (const Case &c : cases) {
+    const Parsed p = parse("%y-%m-%d", c.text, g);
+    ASSERT_EQ(p.consumed, 8) << c.text;
+    EXPECT_EQ(p.details.year, c.year) << c.text;
+    EXPECT_EQ(p.t.seconds(), dayStartTime(c.year, 5, 1)) << c.text;
+    EXPECT_EQ(p.details.precision, TimeFormat::RES_DAY);
+  }
+  // Century and two-digit year together.
+  EXPECT_EQ(parse("%C%y-%m-%d", "1968-06-01", g).details.year, 1968);
+}
+
+TEST(TimeResolve, GapsAndOverlaps) {
+  const TimezoneData *ny = zone("America/New_York");
+  const int64_t before = 1704067200;  // 2024-01-01, long before both
+  const int64_t after = 1730635200;   // 2024-11-03 12:00 UTC, after the overlap
+  struct Case {
+    const char *format;
+    const char *text;
+    int64_t anchor;
+    int64_t want;
+    int32_t conflicts;
+  } const cases[] = {
+      // 02:30 did not exist on 10 March; EDT, the offset the reverse search chose, applies.
+      {"%F %T", "2024-03-10 02:30:00", before, 1710052200, 0},
+      {"%F %T", "2024-03-10 01:59:59", before, 1710053999, 0},
+      {"%F %T", "2024-03-10 03:00:00", before, 1710054000, 0},
+      // 01:30 on 3 November happened twice: the earlier unless the later is nearer the anchor.
+      {"%F %T", "2024-11-03 01:30:00", before, 1730611800, 1},
+      {"%F %T", "2024-11-03 01:30:00", after, 1730615400, 1},
+      // The abbreviation is the isdst hint: a fixed offset, no ambiguity.
+      {"%F %T %Z", "2024-11-03 01:30:00 EDT", after, 1730611800, 0},
+      {"%F %T %Z", "2024-11-03 01:30:00 EST", before, 1730615400, 0},
+      // A time of day alone, in the overlap, on the day the anchor's local date gives.
+      {"%T", "01:30:00", after, 1730615400, 1},
+  };
+  for (const Case &c : cases) {
+    AnchoredGuesser g(ny, c.anchor);
+    const Parsed p = parse(c.format, c.text, g);
+    ASSERT_GT(p.consumed, 0) << c.text;
+    EXPECT_EQ(p.t.seconds(), c.want) << c.text;
+    EXPECT_EQ(p.conflicts, c.conflicts) << c.text;
+  }
+}
+
+TEST(TimeResolve, TimesOfDayWithoutADate) {
+  struct Case {
+    const char *format;
+    const char *text;
+    int64_t anchor;
+    int64_t want;
+  } const cases[] = {
+      {"%H:%M:%S", "00:30:00", MAR10_2025 + 3600, MAR10_2025 + 1800},
+      // More than three hours ahead of the present: yesterday's.
+      {"%H:%M:%S", "23:30:00", MAR10_2025 + 3600, MAR10_2025 - 1800},
+      {"%H:%M:%S", "03:30:00", MAR10_2025 + 3600, MAR10_2025 + 12600},
+      // Without AM/PM the nearer half day.
+      {"%I:%M", "05:00", MAR10_2025 + 16 * 3600 + 1800, MAR10_2025 + 17 * 3600},
+      {"%I:%M", "05:00", MAR10_2025 + 4 * 3600 + 1800, MAR10_2025 + 5 * 3600},
+      {"%I:%M %p", "05:00 PM", MAR10_2025 + 4 * 3600, MAR10_2025 - 7 * 3600},
+      // A day of the month without its month.
+      {"%d %H:%M", "08 12:00", MAR10_2025 + 3600, MAR10_2025 - 2 * 86400 + 43200},
+      {"%d %H:%M", "28 12:00", MAR10_2025 + 3600, 1743163200},  // within 20 days: 2025-03-28
+      {"%d %H:%M", "31 12:00", MAR10_2025 + 3600, 1740744000},  // February, at its end
+      // With a date, a 12-hour time without AM/PM still takes the nearer half.
+      {"%F %I:%M", "2025-03-10 05:00", MAR10_2025 + 16 * 3600, MAR10_2025 + 17 * 3600},
+  };
+  for (const Case &c : cases) {
+    AnchoredGuesser g(gmtTimezone(), c.anchor);
+    const Parsed p = parse(c.format, c.text, g);
+    ASSERT_GT(p.consumed, 0) << c.format << " " << c.text;
+    EXPECT_EQ(p.t.seconds(), c.want) << c.format << " " << c.text;
+  }
+  // In a zone, "today" is the zone's: 01:00 UTC on 10 March is 21:00 EDT on the 9th.
+  AnchoredGuesser ny(zone("America/New_York"), MAR10_2025 + 3600);
+  EXPECT_EQ(parse("%H:%M", "19:00", ny).t.seconds(), MAR10_2025 - 3600);
+}
+
+TEST(TimeResolve, ZoneNames) {
+  struct Case {
+    const char *text;
+    int64_t offset;  // NOT_FIXED: the name must not resolve
+  } const cases[] = {
+      {"2024-07-15 12:00 Pacific Standard Time", -28800},  // the Windows table, fixed
+      {"2024-07-15 12:00 Tokyo Standard Time", 32400},
+      // Never found in the Windows table: the zone its alias names, in daylight time in July.
+      {"2024-07-15 12:00 Eastern Standard Time", -14400},
+      {"2024-07-15 12:00 Central Standard Time", -18000},
+      {"2024-01-15 12:00 Eastern Standard Time", -18000},
+      {"2024-07-15 12:00 est", -18000},
+      {"2024-07-15 12:00 GMT+5", 18000},  // east, against POSIX's sign
+      {"2024-07-15 12:00 GMT", 0},
+      {"2024-07-15 12:00 Europe/Berlin", 7200},
+      {"2024-07-15 12:00 pacific standard time", NOT_FIXED},
+      {"2024-07-15 12:00 Nowhere/Land", NOT_FIXED},
+  };
+  AnchoredGuesser g(zone("Asia/Tokyo"), MAR10_2025);
+  for (const Case &c : cases) {
+    const Parsed p = parse("%Y-%m-%d %H:%M %Z", c.text, g);
+    if (c.offset == NOT_FIXED) {
+      EXPECT_EQ(p.consumed, -1) << c.text;
+      continue;
+    }
+    ASSERT_GT(p.consumed, 0) << c.text;
+    // Noon on 15 January or 15 July 2024, UTC.
+    const int64_t noon = strncmp(c.text, "2024-01", 7) == 0 ? 1705320000 : 1721044800;
+    EXPECT_EQ(p.t.seconds(), noon - c.offset) << c.text;
+    EXPECT_EQ(p.details.offset, c.offset) << c.text;
+    EXPECT_EQ(p.details.zone_given, 1);
+  }
+}
+
+TEST(TimeResolve, PrecisionAndDetails) {
+  AnchoredGuesser g(gmtTimezone(), MAR10_2025);
+  struct Case {
+    const char *format;
+    const char *text;
+    int64_t want;
+    int32_t usec, precision, second;
+  } const cases[] = {
+      {"%Y-%m-%d %H", "2024-03-05 07", 1709622000, 0, TimeFormat::RES_HOUR, 0},
+      {"%Y-%m-%d %H:%M", "2024-03-05 07:08", 1709622480, 0, TimeFormat::RES_MINUTE, 0},
+      {"%F %T.%3N", "2024-03-05 07:08:09.123", 1709622489, 123000, 3, 9},
+      {"%F %T", "2024-12-31 23:59:60", 1735689599, 0, 0, 60},
+      {"%F %T", "2024-03-05 24:00:00", 1709683200, 0, 0, 0},
+      // Details come from the whole seconds written, -1.
+      {"%s.%6N", "-1.250000", -2, 750000, 6, 59},
+      {"%Y %U %a", "2024 09 Tue", 1709596800, 0, TimeFormat::RES_DAY, 0},
+  };
+  for (const Case &c : cases) {
+    const Parsed p = parse(c.format, c.text, g);
+    ASSERT_GT(p.consumed, 0) << c.text;
+    EXPECT_EQ(p.t.seconds(), c.want) << c.text;
+    EXPECT_EQ(p.t.microseconds(), c.usec) << c.text;
+    EXPECT_EQ(p.details.precision, c.precision) << c.text;
+    EXPECT_EQ(p.details.second, c.second) << c.text;
+  }
+  const Parsed p = parse("%F %T %z", "2024-03-05 07:08:09 +0530", g);
+  EXPECT_EQ(p.details.offset, 19800);
+  EXPECT_EQ(p.details.weekday, 2);
+  EXPECT_EQ(p.details.hour, 7);
+  // Days that do not exist.
+  EXPECT_EQ(parse("%F", "2023-02-29", g).consumed, -1);
+  EXPECT_EQ(parse("%F", "2024-04-31", g).consumed, -1);
+}
+
+}  // namespace
