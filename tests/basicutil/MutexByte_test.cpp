@@ -263,10 +263,12 @@ TEST_F(MutexByteDeath, ContentionOutsideTheThreadClassesStopsTheProcess) {
       "threads active, in MainThread");
 }
 
+// Contended hand-offs on a two-core machine cost a context switch each, so the count is what
+// such a machine finishes well inside the watchdog's deadline, even when busy.
 #if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
-constexpr int STRESS_PAIRS = 50000;
+constexpr int STRESS_PAIRS = 5000;
 #else
-constexpr int STRESS_PAIRS = 250000;
+constexpr int STRESS_PAIRS = 25000;
 #endif
 
 TEST_F(MutexByteStress, EightThreadsKeepAPlainCounterExact) {
