@@ -4,6 +4,7 @@
 
 #include <ctime>
 
+#include "basicutil/DateTime.h"
 #include "basicutil/Timezone.h"
 
 namespace morvek_fuzz {
@@ -25,7 +26,8 @@ inline void exerciseLookups(const morvek::TimezoneData &tz) {
   }
   for (uint32_t i = 0; i < tz.timecnt; ++i) {
     int rtype;
-    (void)tz.offsetFromReverseSearch(tz.ats[i] + tz.transitionType(i).gmtoff, 1);
+    (void)tz.offsetFromReverseSearch(morvek::addSaturating(tz.ats[i], tz.transitionType(i).gmtoff),
+                                     1);
     (void)tz.reverseSearch(tz.ats[i], rtype);
   }
   (void)tz.recentOffset(true);
