@@ -8,7 +8,6 @@
 #include <strings.h>
 
 #include <array>
-#include <charconv>
 #include <cstdio>
 #include <random>
 #include <string>
@@ -195,49 +194,6 @@ void NaturalOrder_Strverscmp(benchmark::State &state) {
   }
 }
 BENCHMARK(NaturalOrder_Strverscmp)->Name("NaturalOrder/Versions/strverscmp");
-
-// ---- Unsigned parsing --------------------------------------------------------------------------
-
-// Mostly short numbers, some up to 18 digits.
-const std::vector<std::string> &unsignedTexts() {
-  static const std::vector<std::string> texts = [] {
-    std::mt19937_64 rng(3);
-    std::vector<std::string> out;
-    for (int i = 0; i < 1024; ++i) {
-      const int digits = 1 + static_cast<int>(rng() % (i % 4 == 0 ? 18 : 6));
-      uint64_t v = rng() % 10;
-      for (int d = 1; d < digits; ++d) v = v * 10 + rng() % 10;
-      out.push_back(std::to_string(v));
-    }
-    return out;
-  }();
-  return texts;
-}
-
-void ParseUnsigned_Ours(benchmark::State &state) {
-  for (auto _ : state) {
-    for (const std::string &s : unsignedTexts()) {
-      uint64_t v = 0;
-      benchmark::DoNotOptimize(morvek::parse_unsigned_val(s.data(), s.size(), v));
-      benchmark::DoNotOptimize(v);
-    }
-  }
-  state.SetItemsProcessed(state.iterations() * 1024);
-}
-BENCHMARK(ParseUnsigned_Ours)->Name("ParseUnsigned/Mixed/Ours");
-
-void ParseUnsigned_FromChars(benchmark::State &state) {
-  for (auto _ : state) {
-    for (const std::string &s : unsignedTexts()) {
-      uint64_t v = 0;
-      auto r = std::from_chars(s.data(), s.data() + s.size(), v);
-      benchmark::DoNotOptimize(r.ptr == s.data() + s.size());
-      benchmark::DoNotOptimize(v);
-    }
-  }
-  state.SetItemsProcessed(state.iterations() * 1024);
-}
-BENCHMARK(ParseUnsigned_FromChars)->Name("ParseUnsigned/Mixed/from_chars");
 
 // ---- Caseless ASCII comparison -----------------------------------------------------------------
 
