@@ -108,17 +108,13 @@ TEST(TimeFormatCompile, LiteralTextMergesIntoRuns) {
 
 TEST(TimeFormatCompile, MillisecondsOrTwelveHourClock) {
   const AtomsCase cases[] = {
-      {"%s.%l", "epoch00 '.' sub30"},
-      {"%s%l", "epoch00 sub30"},
-      {"%S,%l", "S20 ',' sub30"},
-      {"%H:%M:%S.%l", "H20 ':' M20 ':' S20 '.' sub30"},
-      {"%T.%l", "H20 ':' M20 ':' S20 '.' sub30"},
-      {"%H:%l", "H20 ':' I2s"},
-      {"%M:%S.%l", "M20 ':' S20 '.' I2s"},
-      {"%l:%M:%S.%l", "I2s ':' M20 ':' S20 '.' sub30"},
-      {"%S..%l", "S20 '..' I2s"},
-      {"%S.%3l", "S20 '.' I3s"},
-      {"%S.%-l", "S20 '.' I2-"},
+      // clang-format off
+      {"%s.%l", "epoch00 '.' sub30"}, {"%s%l", "epoch00 sub30"}, {"%S,%l", "S20 ',' sub30"},
+      {"%H:%M:%S.%l", "H20 ':' M20 ':' S20 '.' sub30"}, {"%T.%l", "H20 ':' M20 ':' S20 '.' sub30"},
+      {"%H:%l", "H20 ':' I2s"}, {"%M:%S.%l", "M20 ':' S20 '.' I2s"},
+      {"%l:%M:%S.%l", "I2s ':' M20 ':' S20 '.' sub30"}, {"%S..%l", "S20 '..' I2s"},
+      {"%S.%3l", "S20 '.' I3s"}, {"%S.%-l", "S20 '.' I2-"},
+      // clang-format on
   };
   expectAtoms(cases);
 }
