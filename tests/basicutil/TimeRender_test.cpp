@@ -6,9 +6,7 @@
 #include <stdlib.h>
 #include <time.h>
 
-#include <algorithm>
 #include <cstring>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -176,19 +174,20 @@ TEST(TimeRender, LocalTableAndAppending) {
   EXPECT_EQ(out.substr(0, 19), "9999-12-31 23:59:59");
 }
 
-// ---- Differential against glibc's strftime.
+// ---- Differential against glibc's strftime. Where ours differs on purpose ("#" on names and
+// numbers, a width on %z or of 2 on %a, the century of 1899) the atom table above pins our text,
+// so those forms are left out here.
 
 const char *const SHARED_FORMATS[] = {
-    "%a",  "%A",  "%b",   "%B",    "%c",  "%C",  "%d",  "%D",  "%e",   "%F",   "%g",   "%G",
-    "%h",  "%H",  "%I",   "%j",    "%k",  "%l",  "%m",  "%M",  "%n",   "%p",   "%P",   "%r",
-    "%R",  "%s",  "%S",   "%t",    "%T",  "%u",  "%U",  "%V",  "%w",   "%W",   "%x",   "%X",
-    "%y",  "%Y",  "%z",   "%Z",    "%%",  "%^a", "%^B", "%#a", "%#B",  "%#Z",  "%^p",  "%#p",
-    "%-d", "%-H", "%-m",  "%_H",   "%_m", "%0e", "%-j", "%#j", "%#H",  "%#d",  "%10B", "%5a",
-    "%2a", "%3d", "%_5Y", "%010Y", "%EY", "%Ey", "%Od", "%OH", "%_9z", "%09z", "%EC",
+    "%a",  "%A",   "%b",  "%B",  "%c",   "%C",    "%d",  "%D",  "%e",  "%F",  "%g",  "%G",  "%h",
+    "%H",  "%I",   "%j",  "%k",  "%l",   "%m",    "%M",  "%n",  "%p",  "%P",  "%r",  "%R",  "%s",
+    "%S",  "%t",   "%T",  "%u",  "%U",   "%V",    "%w",  "%W",  "%x",  "%X",  "%y",  "%Y",  "%z",
+    "%Z",  "%%",   "%^a", "%^B", "%#Z",  "%^p",   "%#p", "%-d", "%-H", "%-m", "%_H", "%_m", "%0e",
+    "%-j", "%10B", "%5a", "%3d", "%_5Y", "%010Y", "%EY", "%Ey", "%Od", "%OH", "%EC",
 };
 
-// UTC is compared with gmtime_r, Berlin through the platform's local-time table, the rest as
-// zones.
+// UTC through ours' UTC table, Berlin through the platform's local-time table, the rest as
+// zones; glibc reads each with TZ set to it.
 const char *const DIFF_ZONES[] = {"UTC",
                                   "America/New_York",
                                   "Europe/Dublin",
@@ -200,60 +199,14 @@ const char *const DIFF_ZONES[] = {"UTC",
                                   "Africa/Casablanca",
                                   "Europe/Berlin"};
 
-std::string toUpper(std::string s) {
-  for (char &c : s) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-  return s;
-}
-
-std::string stripZeros(const std::string &s) {
-  size_t i = 0;
-  while (i + 1 < s.size() && s[i] == '0') ++i;
-  return s.substr(i);
-}
-
-// The name of the known difference that explains ours against glibc's, or null.
-const char *classify(const char *format, const struct tm &tm, const std::string &ours,
-                     const std::string &glibc, bool utc, const char *outside_table) {
-  const std::string f = format;
-  if ((f == "%C" || f == "%EC") && tm.tm_year < 0 && tm.tm_year > -100) {
-    return "century of 1801-1899 is year/100 + 19, truncating";
-  }
-  if ((f == "%#a" || f == "%#B") && toUpper(ours) == glibc) {
-    return "'#' swaps the case of names; glibc upper-cases them";
-  }
-  if ((f == "%#j" || f == "%#H" || f == "%#d") && stripZeros(glibc) == ours) {
-    return "'#' on a number drops the padding; glibc ignores it";
-  }
-  if (f == "%2a" && ours.size() == 2 && glibc.compare(0, 2, ours) == 0) {
-    return "a width of 2 cuts the weekday abbreviation";
-  }
-  if ((f == "%Z" && ours == "UTC" && glibc == "GMT") ||
-      (f == "%#Z" && ours == "utc" && glibc == "gmt")) {
-    return utc ? "UTC is named UTC" : nullptr;
-  }
-  if (f == "%_9z" || f == "%09z") {
-    char plain[16];
-    strftime(plain, sizeof plain, "%z", &tm);
-    const std::string padded = (f == "%_9z" ? "    " : "") + std::string(1, plain[0]) +
-                               (f == "%09z" ? "0000" : "") + (plain + 1);
-    if (ours == padded)
-      return "a width on %z pads once, before the sign or after it; glibc pads twice";
-  }
-  if (f == "%s" && outside_table != nullptr) return outside_table;
-  return nullptr;
-}
-
 TEST(TimeRenderDifferential, MatchesStrftimeInTheCLocale) {
-  std::map<std::string, long> classes;
-  std::vector<std::string> unexplained;
-  long compared = 0;
   std::vector<TimeFormat> compiled;
-  for (const char *format : SHARED_FORMATS) {
-    compiled.emplace_back();
-    ASSERT_TRUE(compiled.back().set(format)) << format;
-  }
+  for (const char *format : SHARED_FORMATS) compiled.emplace_back(format);
   std::mt19937_64 rng(1900);
-  const int64_t lo = -2208988800, hi = 32503680000;  // 1900-01-01 to 3000-01-01 UTC
+  // From the second day of 1900, so that no local time falls in 1899, to 3000.
+  const int64_t lo = -2208988800 + 86400, hi = 32503680000;
+  long compared = 0, outside = 0;
+  std::vector<std::string> unexplained;
   for (const char *name : DIFF_ZONES) {
     const bool utc = strcmp(name, "UTC") == 0, local = strcmp(name, "Europe/Berlin") == 0;
     ScopedTz tz(name);
@@ -261,62 +214,42 @@ TEST(TimeRenderDifferential, MatchesStrftimeInTheCLocale) {
     ASSERT_NE(ours, nullptr) << name;
     const int64_t our_first = ours->timecnt ? ours->ats[0] : INT64_MAX;
     const int64_t our_last = ours->timecnt ? ours->ats[ours->timecnt - 1] : INT64_MIN;
+    const TimeRenderCallbacks &cb = utc     ? TIME_RENDER_UTC
+                                    : local ? TIME_RENDER_LOCAL
+                                            : TIME_RENDER_ZONE;
     for (int i = 0; i < 2500; ++i) {
-      // Mostly anywhere in range; some near 1900, where local times cross into 1899, and some
-      // within two hours of a transition, in the gaps and overlaps.
+      // Mostly anywhere in range, some within two hours of a transition: gaps and overlaps.
       int64_t t = lo + static_cast<int64_t>(rng() % static_cast<uint64_t>(hi - lo));
-      if (i % 10 == 0) t = lo + static_cast<int64_t>(rng() % 86400);
       if (i % 10 == 1 && ours->timecnt > 0) {
         t = ours->ats[rng() % ours->timecnt] + static_cast<int64_t>(rng() % 14400) - 7200;
         if (t < lo || t >= hi) continue;
       }
       const time_t tt = static_cast<time_t>(t);
       struct tm gtm;
-      ASSERT_TRUE(utc ? gmtime_r(&tt, &gtm) : localtime_r(&tt, &gtm));
+      ASSERT_TRUE(localtime_r(&tt, &gtm));
       // The engine's table has ends: before its first transition the first transition's type
-      // applies, after the last one the last type holds; glibc has the zone's original type
-      // before and the rule of the file's footer after.
-      const char *outside_table =
-          t < our_first  ? "%s before the zone table's first transition"
-          : t > our_last ? "%s past the zone table's last transition"
-          // Just after the first transition glibc's mktime sees an overlap with the type
-          // before it, which the engine's table does not have.
-          : t - our_first < 86400 ? "%s just after the zone table's first transition"
-                                  : nullptr;
-      const TimeRenderCallbacks &cb = utc     ? TIME_RENDER_UTC
-                                      : local ? TIME_RENDER_LOCAL
-                                              : TIME_RENDER_ZONE;
+      // applies, after the last one the last type holds, where glibc has the zone's original
+      // type and the footer's rule. Just after the first transition glibc's mktime sees an
+      // overlap with the type before it, which the table does not have. Only %s shows it.
+      const bool beyond = t < our_first + 86400 || t > our_last;
       for (size_t k = 0; k < compiled.size(); ++k) {
         char buf[128];
-        const size_t n = strftime(buf, sizeof buf, SHARED_FORMATS[k], &gtm);
-        const std::string glibc(buf, n);
+        const std::string glibc(buf, strftime(buf, sizeof buf, SHARED_FORMATS[k], &gtm));
         Str mine;
         render(compiled[k], mine, gtm, 0, cb, ours);
         ++compared;
         if (mine == glibc) continue;
-        const char *why = classify(SHARED_FORMATS[k], gtm, mine, glibc, utc, outside_table);
-        if (why != nullptr) {
-          ++classes[why];
+        if (beyond && strcmp(SHARED_FORMATS[k], "%s") == 0) {
+          ++outside;
         } else if (unexplained.size() < 20) {
           unexplained.push_back(std::string(name) + " " + std::to_string(t) + " " +
                                 SHARED_FORMATS[k] + ": ours '" + mine + "' glibc '" + glibc + "'");
-        } else {
-          unexplained.push_back("...");
         }
       }
     }
   }
-  std::string report = "compared " + std::to_string(compared) + "\n";
-  for (const auto &[why, count] : classes)
-    report += "  " + std::to_string(count) + "  " + why + "\n";
-  printf("%s", report.c_str());
-  RecordProperty("differences", report);
-  EXPECT_TRUE(unexplained.empty()) << report << [&] {
-    std::string all;
-    for (size_t i = 0; i < std::min<size_t>(unexplained.size(), 21); ++i)
-      all += unexplained[i] + "\n";
-    return all;
-  }();
+  printf("compared %ld, %ld %%s past the zone table's ends\n", compared, outside);
+  for (const std::string &u : unexplained) ADD_FAILURE() << u;
 }
 
 }  // namespace
