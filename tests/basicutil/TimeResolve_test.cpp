@@ -6,7 +6,6 @@
 #include <time.h>
 
 #include <cstring>
-#include <map>
 #include <random>
 #include <string>
 
@@ -49,20 +48,16 @@ Parsed parse(const char *format, const std::string &text, TimeGuesser &g) {
 // ---- Round trips.
 
 TEST(TimeResolve, RenderedInstantsParseBack) {
+  // Text without an offset is read in the guesser's zone; only %s writes times before 1971.
   struct Case {
     const char *format;
-    int64_t unit;      // the precision the text keeps, in microseconds
-    bool names_zone;   // otherwise the guesser's zone is the text's
-    bool before_1970;  // the format can write times before 1971
+    int64_t unit;  // the precision the text keeps, in microseconds
   } const cases[] = {
-      {"%Y-%m-%d %H:%M:%S %z", 1000000, true, false},
-      {"%FT%T.%6N%:z", 1, true, false},
-      {"%a %b %e %H:%M:%S %Y %z", 1000000, true, false},
-      {"%A, %d-%B-%y %I:%M:%S %p %:::z", 1000000, true, false},
-      {"%d/%b/%Y:%H:%M %z", 60000000, true, false},
-      {"%Y-%m-%d %H:%M:%S.%6N", 1, false, false},
-      {"%s.%6N", 1, true, true},
-      {"%s", 1000000, true, true},
+      // clang-format off
+      {"%Y-%m-%d %H:%M:%S %z", 1000000}, {"%FT%T.%6N%:z", 1}, {"%a %b %e %H:%M:%S %Y %z", 1000000},
+      {"%A, %d-%B-%y %I:%M:%S %p %:::z", 1000000}, {"%d/%b/%Y:%H:%M %z", 60000000},
+      {"%Y-%m-%d %H:%M:%S.%6N", 1}, {"%s.%6N", 1}, {"%s", 1000000},
+      // clang-format on
   };
   const char *zones[] = {"UTC",        "America/New_York", "America/Los_Angeles", "Europe/Berlin",
                          "Asia/Tokyo", "Asia/Kathmandu",   "Australia/Adelaide"};
@@ -72,14 +67,15 @@ TEST(TimeResolve, RenderedInstantsParseBack) {
   int checked = 0, overlaps = 0;
   for (const Case &c : cases) {
     const TimeFormat f(c.format);
+    const bool epoch = c.format[1] == 's', names_zone = epoch || strchr(c.format, 'z') != nullptr;
     for (const char *zn : zones) {
       const TimezoneData *z = zone(zn);
       AnchoredGuesser g(z, 1700000000);
       for (int i = 0; i < 300; ++i) {
-        int64_t sec = i % 3 == 0 && c.before_1970 ? early(rng) : secs(rng);
+        int64_t sec = i % 3 == 0 && epoch ? early(rng) : secs(rng);
         // A zone whose offset has not changed since some time after 1970 counts as fixed at
         // its latest offset (Kathmandu, +05:45 since 1986), so local text is read from 1987 on.
-        if (!c.names_zone && sec < 536457600) sec += 536457600;
+        if (!names_zone && sec < 536457600) sec += 536457600;
         const Timeval t(sec, static_cast<int32_t>(usecs(rng)));
         Str text;
         render(f, text, t, z);
@@ -92,7 +88,7 @@ TEST(TimeResolve, RenderedInstantsParseBack) {
         // The text is the signed decimal value, cut toward zero.
         const int64_t want = us / c.unit * c.unit;
         const int64_t got = back.seconds() * 1000000 + back.microseconds();
-        if (!c.names_zone && conflicts == 1) {
+        if (!names_zone && conflicts == 1) {
           // The autumn overlap: either reading renders the same text.
           ++overlaps;
           EXPECT_EQ(std::abs(got - want) % 3600000000, 0) << text.c_str();
@@ -161,40 +157,31 @@ TEST(TimeResolveDifferential, AgreesWithStrptimeOnSharedConversions) {
 // Inputs where the two part ways on purpose; each row must show its difference, and our reading.
 TEST(TimeResolveDifferential, NamedDeviations) {
   struct Row {
-    const char *kind;
-    const char *format;
-    const char *text;
+    const char *format, *text;
     int64_t ours;  // INT64_MIN: we refuse it
     int32_t conflicts;
   } const rows[] = {
       // A run of digits is cut at the field's width when another number follows; glibc backs
       // off to a shorter valid value.
-      {"digit splitting", "%H%M", "930", INT64_MIN, 0},
-      // Chinese, Japanese and Korean meridians.
-      {"cjk forms", "%Y-%m-%d %I:%M %p", "2024-03-05 03:04 下午", 1709651040, 0},
-      {"cjk forms", "%Y-%m-%d %I:%M %p", "2024-03-05 03:04 午前", 1709607840, 0},
+      {"%H%M", "930", INT64_MIN, 0},
+      // Chinese and Japanese meridians.
+      {"%Y-%m-%d %I:%M %p", "2024-03-05 03:04 下午", 1709651040, 0},
+      {"%Y-%m-%d %I:%M %p", "2024-03-05 03:04 午前", 1709607840, 0},
       // A repeated field keeps its first value and counts the contradiction; glibc takes the last.
-      {"conflict counting", "%H:%M %Y-%m-%d %H", "10:00 2024-03-05 11", 1709632800, 1},
+      {"%H:%M %Y-%m-%d %H", "10:00 2024-03-05 11", 1709632800, 1},
       // Years outside 1971..2999 are not dates of events.
-      {"year range", "%Y-%m-%d", "1969-07-20", INT64_MIN, 0},
-      {"year range", "%Y-%m-%d", "3001-01-01", INT64_MIN, 0},
+      {"%Y-%m-%d", "1969-07-20", INT64_MIN, 0},
+      {"%Y-%m-%d", "3001-01-01", INT64_MIN, 0},
   };
-  std::map<std::string, int> counts;
   for (const Row &row : rows) {
     int32_t conflicts = 0;
     const int64_t ours = oursTime(row.format, row.text, &conflicts);
-    const int64_t theirs = glibcTime(row.format, row.text);
-    EXPECT_NE(ours, theirs) << row.kind << ": " << row.text;
-    EXPECT_EQ(ours, row.ours) << row.kind << ": " << row.text;
+    EXPECT_NE(ours, glibcTime(row.format, row.text)) << row.text;
+    EXPECT_EQ(ours, row.ours) << row.text;
     if (ours != INT64_MIN) {
       EXPECT_EQ(conflicts, row.conflicts) << row.text;
     }
-    ++counts[row.kind];
   }
-  std::string summary;
-  for (const auto &[kind, n] : counts) summary += kind + " " + std::to_string(n) + "; ";
-  RecordProperty("deviations", summary);
-  EXPECT_EQ(counts.size(), 4u) << summary;
 }
 
 // ---- Guessing.
