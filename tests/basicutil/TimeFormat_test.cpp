@@ -50,25 +50,17 @@ void expectAtoms(const AtomsCase (&cases)[N]) {
   for (const AtomsCase &c : cases) EXPECT_EQ(compile(c.format), c.atoms) << c.format;
 }
 
-TEST(TimeFormatCompile, EachConversionGivesItsAtom) {
+// The render tests (an atom table and a strftime comparison) pin what each conversion and flag
+// writes; these are the aliases, flag mixes and composites they don't reach.
+TEST(TimeFormatCompile, FormsRenderingDoesNotShow) {
   const AtomsCase cases[] = {
       // clang-format off
-      {"%Y", "Y40"}, {"%o", "Y40"}, {"%C", "C20"}, {"%y", "y20"}, {"%G", "G40"}, {"%g", "g20"},
-      {"%m", "m20"}, {"%U", "U20"}, {"%W", "W20"}, {"%V", "V20"}, {"%d", "d20"}, {"%e", "d2s"},
-      {"%j", "j30"}, {"%w", "w1."}, {"%u", "u1."}, {"%H", "H20"}, {"%k", "H2s"}, {"%I", "I20"},
-      {"%l", "I2s"}, {"%M", "M20"}, {"%S", "S20"}, {"%s", "epoch00"}, {"%N", "sub90"},
-      {"%Q", "sub30"}, {"%f", "sub60"}, {"%q", "sub60"}, {"%a", "a3s"}, {"%A", "A0s"},
-      {"%b", "b3s"}, {"%h", "b3s"}, {"%B", "B0s"}, {"%Z", "Z0s"}, {"%p", "p2s^"}, {"%P", "p2s"},
-      {"%z", "hhmm50"}, {"%:z", "colon60"}, {"%::z", "sec90"}, {"%:::z", "needed00"},
-      {"%Ez", "min4-"}, {"%n", "ws'\n'"}, {"%t", "ws'\t'"}, {"%%", "'%'"},
-      {"%D", "m20 '/' d20 '/' y20"}, {"%x", "m20 '/' d20 '/' y20"},
-      {"%F", "Y40 '-' m20 '-' d20"}, {"%T", "H20 ':' M20 ':' S20"}, {"%X", "H20 ':' M20 ':' S20"},
-      {"%EX", "H20 ':' M20 ':' S20"}, {"%R", "H20 ':' M20"},
-      {"%r", "I20 ':' M20 ':' S20 ' ' p2s^"}, {"%v", "d2s '-' b3s '-' Y4s"},
-      {"%c", "a3s ' ' b3s ' ' d2s ' ' H20 ':' M20 ':' S20 ' ' Y20"},
-      {"%+", "a3s ' ' b3s ' ' d2s ' ' H20 ':' M20 ':' S20 ' ' Z0s ' ' Y20"},
+      {"%o", "Y40"}, {"%q", "sub60"}, {"%#I", "I2-#"}, {"%#_d", "d2s#"}, {"%#e", "d2s#"}, {"%#C", "C20#"},
+      {"%-10Y", "Y10-"}, {"%-a", "a3-"}, {"%^P", "p2s^"}, {"%0Q", "sub30"}, {"%12N", "sub120"},
+      {"%7Ez", "min7-"}, {"%Oy", "y20"}, {"%Oe", "d2s"}, {"%OB", "B0s"}, {"%Ou", "u1."},
+      {"%OV", "V20"}, {"%EX", "H20 ':' M20 ':' S20"},
+      {"%Ec", "a3s ' ' b3s ' ' d2s ' ' H20 ':' M20 ':' S20 ' ' Y20"},
       {"%^c", "a3s^ ' ' b3s^ ' ' d2s ' ' H20 ':' M20 ':' S20 ' ' Y20"},
-      {"%#c", "A0s ', ' B0s ' ' d2- ', ' Y4- ', ' H2- ':' M20 ':' S20"},
       {"%#x", "A0s ', ' B0s ' ' d2- ', ' Y4-"},
       // clang-format on
   };
@@ -77,22 +69,6 @@ TEST(TimeFormatCompile, EachConversionGivesItsAtom) {
   EXPECT_EQ(compile("%x", true), "m20 '/' d20 '/' either20");
   EXPECT_EQ(compile("%#x", true), "A0s ', ' B0s ' ' d2- ', ' either2-");
   EXPECT_EQ(compile("%D", true), "m20 '/' d20 '/' y20");
-}
-
-TEST(TimeFormatCompile, FlagsWidthsAndModifiers) {
-  const AtomsCase cases[] = {
-      // clang-format off
-      {"%_d", "d2s"}, {"%-d", "d2-"}, {"%#d", "d2-#"}, {"%#H", "H2-#"}, {"%#j", "j3-#"},
-      {"%#_d", "d2s#"}, {"%#e", "d2s#"}, {"%#C", "C20#"}, {"%05d", "d50"}, {"%10Y", "Y100"},
-      {"%-10Y", "Y10-"}, {"%^a", "a3s^"}, {"%#Z", "Z0s#"}, {"%5b", "b5s"}, {"%2a", "a2s"},
-      {"%-a", "a3-"}, {"%#p", "p2s"}, {"%^P", "p2s^"}, {"%0Q", "sub30"}, {"%12N", "sub120"},
-      {"%_z", "hhmm5s"}, {"%-:z", "colon6-"}, {"%7Ez", "min7-"}, {"%_Ez", "min4s"},
-      {"%EY", "Y40"}, {"%Ey", "y20"}, {"%EC", "C20"}, {"%Oy", "y20"}, {"%Od", "d20"},
-      {"%Oe", "d2s"}, {"%OH", "H20"}, {"%OB", "B0s"}, {"%Ou", "u1."}, {"%OV", "V20"},
-      {"%Ec", "a3s ' ' b3s ' ' d2s ' ' H20 ':' M20 ':' S20 ' ' Y20"},
-      // clang-format on
-  };
-  expectAtoms(cases);
 }
 
 TEST(TimeFormatCompile, LiteralTextMergesIntoRuns) {
