@@ -135,11 +135,6 @@ TEST_F(TimezoneFileTest, ZoneFilesFromZic) {
                   "Rule K 1438 max - Mar Sun>=8 2:00 1:00 D\n"
                   "Rule K 1438 max - Nov Sun>=1 2:00 0 S\n"
                   "Zone Test/Full -5:00 K E%sT\n"
-                  "Rule B 1600 2019 - Mar Sun>=8 2:00 1:00 D\n"
-                  "Rule B 1600 2019 - Nov Sun>=1 2:00 0 S\n"
-                  "Rule B 2020 max - Apr 1 2:00 1:00 D\n"
-                  "Rule B 2020 max - Oct 1 2:00 0 S\n"
-                  "Zone Test/Broken -5:00 B E%sT\n"
                   "Zone Test/OneFoot -5:00 R E%sT 2000 Mar 1\n"
                   "\t-4:00 - XYZ\n"))
       << "zic failed";
@@ -169,12 +164,6 @@ TEST_F(TimezoneFileTest, ZoneFilesFromZic) {
   EXPECT_EQ(full->typecnt, bare->typecnt + 2) << "the types come, the transitions do not";
   EXPECT_EQ(yearOf(full->ats[1199]), 2037);
   EXPECT_EQ(full->offsetAt(y2100), -18000);
-
-  // More than 800 transitions that do not repeat with a 400-year period.
-  auto broken = parsed(readFile(_dir + "/Test/Broken"), false);
-  ASSERT_TRUE(broken);
-  EXPECT_GT(broken->timecnt, 800u);
-  EXPECT_EQ(broken->goback * 10 + broken->goahead, 10);
 
   // A footer with one type adds nothing: the last offset holds for ever.
   auto one = parsed(readFile(_dir + "/Test/OneFoot"));
