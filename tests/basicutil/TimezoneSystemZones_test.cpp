@@ -193,8 +193,8 @@ TEST(TimezoneSystemZones, EstimateForNowFollowsEachZoneForTenYears) {
 }
 
 // ---- Against glibc: offset, abbreviation and isdst at each transition and a second either
-// side, and at random instants, from 1900 to 2500. Differences must fall into one of the classes
-// below, each a consequence of how this engine is meant to read zones; anything else fails.
+// side, and at random instants, from 1900 to 2500. A difference needs a reason below, each a
+// consequence of how this engine is meant to read zones; anything else fails.
 
 // Why ours may differ from glibc at t, or null when nothing explains it.
 const char *whyDifferent(const SystemZone &z, int64_t t) {
