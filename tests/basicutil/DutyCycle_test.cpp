@@ -50,15 +50,13 @@ TEST_F(DutyCycle, ValuesOverTheWindow) {
     const char *what;
     double idle_before, busy, idle_after, expected;
   } cases[] = {
-      {"busy a whole window", 0, 15, 0, 1.0},
-      {"busy longer than the window", 0, 40, 0, 1.0},
-      {"busy half the window after idling", 0, 7.5, 0, 0.5},
-      {"busy a fifth", 3, 3, 0, 0.2},
-      {"busy a moment", 100, 0.015, 0, 0.001},
-      {"half busy, then half idle", 0, 7.5, 7.5, 0.25},
+      // clang-format off
+      {"busy a whole window", 0, 15, 0, 1.0}, {"busy longer than the window", 0, 40, 0, 1.0},
+      {"busy half the window after idling", 0, 7.5, 0, 0.5}, {"busy a fifth", 3, 3, 0, 0.2},
+      {"busy a moment", 100, 0.015, 0, 0.001}, {"half busy, then half idle", 0, 7.5, 7.5, 0.25},
       {"full, then a third idle", 0, 15, 5, 2.0 / 3},
-      {"full, then idle a whole window", 0, 15, 15, 0.0},
-      {"idle a whole window", 15, 0, 0, 0.0},
+      {"full, then idle a whole window", 0, 15, 15, 0.0}, {"idle a whole window", 15, 0, 0, 0.0},
+      // clang-format on
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.what);

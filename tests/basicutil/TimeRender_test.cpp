@@ -6,9 +6,7 @@
 #include <stdlib.h>
 #include <time.h>
 
-#include <algorithm>
 #include <cstring>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -51,16 +49,12 @@ TEST(TimeRender, EachAtomInUtcAndZones) {
   } cases[] = {
       // clang-format off
       {"%FT%T.%6N%:z", nullptr, Timeval(1710054000, 123456), "2024-03-10T07:00:00.123456+00:00"},
-      {"%FT%T.%6N%:z", "America/New_York", Timeval(1710053999, 0), "2024-03-10T01:59:59.000000-05:00"},
-      {"%FT%T.%6N%:z", "America/New_York", Timeval(1710054000, 0), "2024-03-10T03:00:00.000000-04:00"},
       {"%T %Z %z", "America/New_York", Timeval(1730611800, 0), "01:30:00 EDT -0400"},
-      {"%T %Z %z", "America/New_York", Timeval(1730615400, 0), "01:30:00 EST -0500"},
       {"%FT%T.%6N%:z", "Asia/Kathmandu", Timeval(0, 0), "1970-01-01T05:30:00.000000+05:30"},
       // The epoch and fractions either side of 1970.
       {"%s.%6Q", nullptr, Timeval(-2, 500000), "-1.500000"},
       {"%s.%6Q", nullptr, Timeval(-1, 500000), "-0.500000"},
       {"%s.%3Q", nullptr, Timeval(-5, 0), "-5.000"},
-      {"%s", nullptr, Timeval(1710054000, 9), "1710054000"},
       {"%12s|%_12s|%-12s", nullptr, Timeval(-5, 0), "-00000000005|          -5|-5"},
       {"%S.%6N", nullptr, Timeval(-1, 250000), "59.750000"},  // complement even without %s
       {"%9Q|%3Q|%1N|%f", nullptr, Timeval(5, 123456), "123456000|123|1|123456"},
@@ -73,24 +67,16 @@ TEST(TimeRender, EachAtomInUtcAndZones) {
       {"%:::z|%Ez|%-:z", nullptr, Timeval(MONDAY, 0), "+00|+0|+0:00"},
       {"%_10z|%010z|%3z", "America/St_Johns", Timeval(MONDAY, 0), "     -0230|-000000230|-0230"},
       {"%Ez|%_6Ez|%06Ez", "Pacific/Chatham", Timeval(MONDAY, 0), "+825|  +825|+00825"},
-      // Names, their widths and cases.
-      {"%a|%A|%b|%B|%h", nullptr, Timeval(MONDAY, 0), "Mon|Monday|Mar|March|Mar"},
+      // Names, their widths and cases. Plain conversions are compared with strftime below.
       {"%^a|%#a|%^B|%#B|%2a|%5b|%10A|%-10A", nullptr, Timeval(MONDAY, 0),
        "MON|mON|MARCH|mARCH|Mo|  Mar|    Monday|Monday"},
-      {"%p|%P|%#p|%r", nullptr, Timeval(MONDAY, 0), "AM|am|am|07:08:09 AM"},
-      {"%p|%P", nullptr, Timeval(MONDAY + 6 * 3600, 0), "PM|pm"},
       {"%Z|%#Z|%^Z|%6Z", "America/New_York", Timeval(MONDAY, 0), "EDT|edt|EDT|   EDT"},
-      {"%Z", nullptr, Timeval(MONDAY, 0), "UTC"},
       // Numbers.
-      {"%C|%y|%G|%g|%V|%U|%W|%j|%u|%w", nullptr, Timeval(MONDAY, 0), "20|24|2024|24|11|10|11|071|1|1"},
       {"%e|%k|%l|%I|%-d|%_H|%#j|%#H|%10Y|%_10Y", nullptr, Timeval(MONDAY - 6 * 86400, 0),
        " 5| 7| 7|07|5| 7|65|7|0000002024|      2024"},
-      {"%u|%w|%I|%l", nullptr, Timeval(MONDAY - 86400 - 7 * 3600, 0), "7|0|12|12"},
-      {"%c|%x|%X|%D|%R|%v|%+", nullptr, Timeval(MONDAY, 0),
-       "Mon Mar 11 07:08:09 2024|03/11/24|07:08:09|03/11/24|07:08|11-Mar-2024|Mon Mar 11 07:08:09 UTC 2024"},
+      {"%v|%+", nullptr, Timeval(MONDAY, 0), "11-Mar-2024|Mon Mar 11 07:08:09 UTC 2024"},
       {"%#c", nullptr, Timeval(MONDAY, 0), "Monday, March 11, 2024, 7:08:09"},
       {"%C|%y|%G|%Y", "America/New_York", Timeval(-2208988800, 0), "19|99|1899|1899"},
-      {"a%%b%tc%nd", nullptr, Timeval(MONDAY, 0), "a%b\tc\nd"},
       // clang-format on
   };
   for (const Case &c : cases) {
@@ -181,168 +167,73 @@ TEST(TimeRender, LocalTableAndAppending) {
   EXPECT_EQ(out.substr(0, 19), "9999-12-31 23:59:59");
 }
 
-// ---- Differential against glibc's strftime.
+// ---- Differential against glibc's strftime. Where ours differs on purpose ("#" on names and
+// numbers, a width on %z or of 2 on %a, the century of 1899) the atom table above pins our text,
+// so those forms are left out here.
 
 const char *const SHARED_FORMATS[] = {
-    "%a",  "%A",  "%b",   "%B",    "%c",  "%C",  "%d",  "%D",  "%e",   "%F",   "%g",   "%G",
-    "%h",  "%H",  "%I",   "%j",    "%k",  "%l",  "%m",  "%M",  "%n",   "%p",   "%P",   "%r",
-    "%R",  "%s",  "%S",   "%t",    "%T",  "%u",  "%U",  "%V",  "%w",   "%W",   "%x",   "%X",
-    "%y",  "%Y",  "%z",   "%Z",    "%%",  "%^a", "%^B", "%#a", "%#B",  "%#Z",  "%^p",  "%#p",
-    "%-d", "%-H", "%-m",  "%_H",   "%_m", "%0e", "%-j", "%#j", "%#H",  "%#d",  "%10B", "%5a",
-    "%2a", "%3d", "%_5Y", "%010Y", "%EY", "%Ey", "%Od", "%OH", "%_9z", "%09z", "%EC",
+    "%a",  "%A",   "%b",  "%B",  "%c",   "%C",    "%d",  "%D",  "%e",  "%F",  "%g",  "%G",  "%h",
+    "%H",  "%I",   "%j",  "%k",  "%l",   "%m",    "%M",  "%n",  "%p",  "%P",  "%r",  "%R",  "%s",
+    "%S",  "%t",   "%T",  "%u",  "%U",   "%V",    "%w",  "%W",  "%x",  "%X",  "%y",  "%Y",  "%z",
+    "%Z",  "%%",   "%^a", "%^B", "%#Z",  "%^p",   "%#p", "%-d", "%-H", "%-m", "%_H", "%_m", "%0e",
+    "%-j", "%10B", "%5a", "%3d", "%_5Y", "%010Y", "%EY", "%Ey", "%Od", "%OH", "%EC",
 };
-
-struct ZoneCase {
-  const char *name;
-  bool utc;    // glibc: gmtime_r; ours: the UTC table
-  bool local;  // ours: the platform's local-time table
-};
-
-const ZoneCase DIFF_ZONES[] = {
-    {"UTC", true, false},
-    {"America/New_York", false, false},
-    {"Europe/Dublin", false, false},
-    {"Asia/Kolkata", false, false},
-    {"Asia/Kathmandu", false, false},
-    {"Australia/Lord_Howe", false, false},
-    {"America/Sao_Paulo", false, false},
-    {"Australia/Sydney", false, false},
-    {"America/St_Johns", false, false},
-    {"Pacific/Chatham", false, false},
-    {"Africa/Casablanca", false, false},
-    {"Europe/London", false, false},
-    {"Europe/Berlin", false, true},
-};
-
-std::string toUpper(std::string s) {
-  for (char &c : s) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-  return s;
-}
-
-std::string stripZeros(const std::string &s) {
-  size_t i = 0;
-  while (i + 1 < s.size() && s[i] == '0') ++i;
-  return s.substr(i);
-}
-
-// The name of the known difference that explains ours against glibc's, or null.
-const char *classify(const char *format, const struct tm &tm, const std::string &ours,
-                     const std::string &glibc, bool utc, const char *outside_table) {
-  const std::string f = format;
-  if ((f == "%C" || f == "%EC") && tm.tm_year < 0 && tm.tm_year > -100) {
-    return "century of 1801-1899 is year/100 + 19, truncating";
-  }
-  if ((f == "%#a" || f == "%#B") && toUpper(ours) == glibc) {
-    return "'#' swaps the case of names; glibc upper-cases them";
-  }
-  if ((f == "%#j" || f == "%#H" || f == "%#d") && stripZeros(glibc) == ours) {
-    return "'#' on a number drops the padding; glibc ignores it";
-  }
-  if (f == "%2a" && ours.size() == 2 && glibc.compare(0, 2, ours) == 0) {
-    return "a width of 2 cuts the weekday abbreviation";
-  }
-  if ((f == "%Z" && ours == "UTC" && glibc == "GMT") ||
-      (f == "%#Z" && ours == "utc" && glibc == "gmt")) {
-    return utc ? "UTC is named UTC" : nullptr;
-  }
-  if (f == "%_9z" || f == "%09z") {
-    char plain[16];
-    strftime(plain, sizeof plain, "%z", &tm);
-    const std::string padded = (f == "%_9z" ? "    " : "") + std::string(1, plain[0]) +
-                               (f == "%09z" ? "0000" : "") + (plain + 1);
-    if (ours == padded)
-      return "a width on %z pads once, before the sign or after it; glibc pads twice";
-  }
-  if (f == "%s" && outside_table != nullptr) return outside_table;
-  return nullptr;
-}
 
 TEST(TimeRenderDifferential, MatchesStrftimeInTheCLocale) {
-  std::map<std::string, long> classes;
-  std::vector<std::string> unexplained, breakdowns;
-  long compared = 0;
   std::vector<TimeFormat> compiled;
-  for (const char *format : SHARED_FORMATS) {
-    compiled.emplace_back();
-    ASSERT_TRUE(compiled.back().set(format)) << format;
-  }
+  for (const char *format : SHARED_FORMATS) compiled.emplace_back(format);
   std::mt19937_64 rng(1900);
-  const int64_t lo = -2208988800, hi = 32503680000;  // 1900-01-01 to 3000-01-01 UTC
-  for (const ZoneCase &zone : DIFF_ZONES) {
-    ScopedTz tz(zone.name);
-    const TimezoneData *ours = getTimezone(zone.name);
-    ASSERT_NE(ours, nullptr) << zone.name;
+  // From the second day of 1900, so that no local time falls in 1899, to 3000.
+  const int64_t lo = -2208988800 + 86400, hi = 32503680000;
+  long compared = 0, outside = 0;
+  std::vector<std::string> unexplained;
+  // UTC through our UTC table, Berlin through the platform's local-time table, the rest as
+  // zones; glibc reads each with TZ set to it.
+  for (const char *name : {"UTC", "America/New_York", "Europe/Dublin", "Asia/Kolkata",
+                           "Asia/Kathmandu", "Australia/Lord_Howe", "America/St_Johns",
+                           "Pacific/Chatham", "Africa/Casablanca", "Europe/Berlin"}) {
+    const bool utc = strcmp(name, "UTC") == 0, local = strcmp(name, "Europe/Berlin") == 0;
+    ScopedTz tz(name);
+    const TimezoneData *ours = getTimezone(name);
+    ASSERT_NE(ours, nullptr) << name;
     const int64_t our_first = ours->timecnt ? ours->ats[0] : INT64_MAX;
     const int64_t our_last = ours->timecnt ? ours->ats[ours->timecnt - 1] : INT64_MIN;
+    const TimeRenderCallbacks &cb = utc     ? TIME_RENDER_UTC
+                                    : local ? TIME_RENDER_LOCAL
+                                            : TIME_RENDER_ZONE;
     for (int i = 0; i < 2500; ++i) {
-      // Mostly anywhere in range; some near 1900, where local times cross into 1899, and some
-      // within two hours of a transition, in the gaps and overlaps.
+      // Mostly anywhere in range, some within two hours of a transition: gaps and overlaps.
       int64_t t = lo + static_cast<int64_t>(rng() % static_cast<uint64_t>(hi - lo));
-      if (i % 10 == 0) t = lo + static_cast<int64_t>(rng() % 86400);
       if (i % 10 == 1 && ours->timecnt > 0) {
         t = ours->ats[rng() % ours->timecnt] + static_cast<int64_t>(rng() % 14400) - 7200;
         if (t < lo || t >= hi) continue;
       }
       const time_t tt = static_cast<time_t>(t);
       struct tm gtm;
-      ASSERT_TRUE(zone.utc ? gmtime_r(&tt, &gtm) : localtime_r(&tt, &gtm));
+      ASSERT_TRUE(localtime_r(&tt, &gtm));
       // The engine's table has ends: before its first transition the first transition's type
-      // applies, after the last one the last type holds; glibc has the zone's original type
-      // before and the rule of the file's footer after.
-      const char *outside_table =
-          t < our_first  ? "%s or breakdown before the zone table's first transition"
-          : t > our_last ? "%s or breakdown past the zone table's last transition"
-          // Just after the first transition glibc's mktime sees an overlap with the type
-          // before it, which the engine's table does not have.
-          : t - our_first < 86400 ? "%s just after the zone table's first transition"
-                                  : nullptr;
-      if (!zone.utc && !zone.local) {
-        struct tm mine;
-        ASSERT_TRUE(ours->breakDown(t, mine));
-        if (mine.tm_gmtoff != gtm.tm_gmtoff || mine.tm_hour != gtm.tm_hour) {
-          ++classes[outside_table != nullptr ? outside_table : "breakdown: UNEXPLAINED"];
-          if (outside_table == nullptr && breakdowns.size() < 10) {
-            breakdowns.push_back(std::string(zone.name) + " " + std::to_string(t) + " ours " +
-                                 std::to_string(mine.tm_gmtoff) + " glibc " +
-                                 std::to_string(gtm.tm_gmtoff));
-          }
-        }
-      }
-      const TimeRenderCallbacks &cb = zone.utc     ? TIME_RENDER_UTC
-                                      : zone.local ? TIME_RENDER_LOCAL
-                                                   : TIME_RENDER_ZONE;
+      // applies, after the last one the last type holds, where glibc has the zone's original
+      // type and the footer's rule. Just after the first transition glibc's mktime sees an
+      // overlap with the type before it, which the table does not have. Only %s shows it.
+      const bool beyond = t < our_first + 86400 || t > our_last;
       for (size_t k = 0; k < compiled.size(); ++k) {
         char buf[128];
-        const size_t n = strftime(buf, sizeof buf, SHARED_FORMATS[k], &gtm);
-        const std::string glibc(buf, n);
+        const std::string glibc(buf, strftime(buf, sizeof buf, SHARED_FORMATS[k], &gtm));
         Str mine;
         render(compiled[k], mine, gtm, 0, cb, ours);
         ++compared;
         if (mine == glibc) continue;
-        const char *why = classify(SHARED_FORMATS[k], gtm, mine, glibc, zone.utc, outside_table);
-        if (why != nullptr) {
-          ++classes[why];
+        if (beyond && strcmp(SHARED_FORMATS[k], "%s") == 0) {
+          ++outside;
         } else if (unexplained.size() < 20) {
-          unexplained.push_back(std::string(zone.name) + " " + std::to_string(t) + " " +
+          unexplained.push_back(std::string(name) + " " + std::to_string(t) + " " +
                                 SHARED_FORMATS[k] + ": ours '" + mine + "' glibc '" + glibc + "'");
-        } else {
-          unexplained.push_back("...");
         }
       }
     }
   }
-  std::string report = "compared " + std::to_string(compared) + "\n";
-  for (const auto &[why, count] : classes)
-    report += "  " + std::to_string(count) + "  " + why + "\n";
-  printf("%s", report.c_str());
-  RecordProperty("differences", report);
-  EXPECT_TRUE(breakdowns.empty()) << breakdowns[0];
-  EXPECT_TRUE(unexplained.empty()) << report << [&] {
-    std::string all;
-    for (size_t i = 0; i < std::min<size_t>(unexplained.size(), 21); ++i)
-      all += unexplained[i] + "\n";
-    return all;
-  }();
+  printf("compared %ld, %ld %%s past the zone table's ends\n", compared, outside);
+  for (const std::string &u : unexplained) ADD_FAILURE() << u;
 }
 
 }  // namespace

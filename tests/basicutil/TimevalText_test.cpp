@@ -54,7 +54,7 @@ struct TimevalWarnings {
 
 using testutil::ScopedTz;
 
-TEST(TimevalSortable, FixedForms) {
+TEST(TimevalSortable, FixedFormsReadBackAndRefusals) {
   const Timeval before1601(-20000000000, 0), past40bits(INT64_MAX - 1, 0);
   const std::pair<Timeval, std::string> cases[] = {
       {Timeval(1710054000, 250000), "0CDVRQRG7EDCK0"},
@@ -66,38 +66,27 @@ TEST(TimevalSortable, FixedForms) {
   };
   for (const auto &[t, want] : cases) EXPECT_EQ(sortable(t), want) << show(t);
 
-  Timeval back;
-  ASSERT_TRUE(back.fromSortableString(sortable(past40bits).data(), 14));
-  EXPECT_EQ(show(back), "1087867154175,1000000");  // no carry from the clamped nanoseconds
-}
-
-TEST(TimevalSortable, ReadsBackAndRefuses) {
   struct Case {
-    const char *text;
-    bool ok;
-    const char *want;
-  } cases[] = {
-      {"0CDVRQRG7EDCK0", true, "1710054000,250000"},
-      {"0cdvrqrg7edck0", true, "1710054000,250000"},
-      {"znullztimezzzz", true, "0,0"},
-      {"zMINzTIMEzzzzz", true, "MIN"},
-      {"0CDVRQRG7EDCK", false, ""},   // 13 characters
-      {"0CDVRQRG7EDCKW", false, ""},  // W is past the alphabet
-      {"0CDVRQRGVVVVVV", false, ""},  // nanoseconds past 999999999
-      {"zNULLzTIMEzzzy", false, ""},  // not a word, and z is no digit
+    std::string text;
+    const char *want;  // null: refused
+  } reads[] = {
+      {"0cdvrqrg7edck0", "1710054000,250000"},
+      {"znullztimezzzz", "0,0"},
+      {"zMINzTIMEzzzzz", "MIN"},
+      {sortable(past40bits), "1087867154175,1000000"},  // no carry from the clamped nanoseconds
+      {sortable(Timeval(-86400, 5)), "MAX"},            // 1969 has a form but reads as MAX_TIME
+      {"0CDVRQRG7EDCK", nullptr},                       // 13 characters
+      {"0CDVRQRG7EDCKW", nullptr},                      // W is past the alphabet
+      {"0CDVRQRGVVVVVV", nullptr},                      // nanoseconds past 999999999
+      {"zNULLzTIMEzzzy", nullptr},                      // not a word, and z is no digit
   };
-  for (const Case &c : cases) {
+  for (const Case &c : reads) {
     Timeval t(42, 42);
-    EXPECT_EQ(t.fromSortableString(c.text, strlen(c.text)), c.ok) << c.text;
-    if (c.ok) {
+    EXPECT_EQ(t.fromSortableString(c.text.data(), c.text.size()), c.want != nullptr) << c.text;
+    if (c.want != nullptr) {
       EXPECT_EQ(show(t), c.want) << c.text;
     }
   }
-  // A time in 1969 has a form, but reads back as MAX_TIME.
-  Timeval t;
-  std::string s = sortable(Timeval(-86400, 5));
-  ASSERT_TRUE(t.fromSortableString(s.data(), s.size()));
-  EXPECT_EQ(t, MAX_TIME);
 }
 
 TEST(TimevalSortable, RoundTripsAndSortsInTimeOrder) {
@@ -151,21 +140,13 @@ TEST(TimevalDecimal, ParsesSignedDecimals) {
     const char *text;
     const char *want;  // null: refused
   } cases[] = {
-      {"-0.5", "-1,500000"},
-      {"3.", "3,0"},
-      {"1.2345678", "1,234567"},
-      {"-3.000", "-3,0"},
-      {"9223372036854775807.5", "9223372036854775807,500000"},
-      {"-9223372036854775808", "MIN"},
-      {"-9223372036854775807.5", "-9223372036854775808,500000"},
-      {"9223372036854775808", nullptr},
-      {"-9223372036854775808.5", nullptr},
-      {".5", nullptr},
-      {"-.5", nullptr},
-      {"1.2.3", nullptr},
-      {"", nullptr},
-      {" 1", nullptr},
-      {"1.5x", nullptr},
+      // clang-format off
+      {"-0.5", "-1,500000"}, {"3.", "3,0"}, {"1.2345678", "1,234567"}, {"-3.000", "-3,0"},
+      {"9223372036854775807.5", "9223372036854775807,500000"}, {"-9223372036854775808", "MIN"},
+      {"-9223372036854775807.5", "-9223372036854775808,500000"}, {"9223372036854775808", nullptr},
+      {"-9223372036854775808.5", nullptr}, {".5", nullptr}, {"-.5", nullptr}, {"1.2.3", nullptr},
+      {"", nullptr}, {" 1", nullptr}, {"1.5x", nullptr},
+      // clang-format on
   };
   for (const Case &c : cases) {
     Timeval t;
@@ -175,9 +156,6 @@ TEST(TimevalDecimal, ParsesSignedDecimals) {
       EXPECT_EQ(show(t), c.want) << c.text;
     }
   }
-  Timeval t;
-  ASSERT_TRUE(t.parse_into("-0.25"));
-  EXPECT_EQ(show(t), "-1,750000");
 }
 
 TEST(TimevalDecimal, WholeSecondsSaturate) {
@@ -251,7 +229,6 @@ TEST(TimevalDescription, UnitsValuesAndText) {
       {Timeval(10, 0), Timeval(13, 0), " milliseconds", true, 3000, "-3000 milliseconds"},
       {Timeval(8010, 0), Timeval(10, 0), " seconds", false, 8000, "8000.0 seconds"},
       {Timeval(9010, 0), Timeval(10, 0), " hours", false, 2.5, "2.500 hours"},
-      {Timeval(15, 250000), Timeval(10, 0), " seconds", false, 5.25, "5.250 seconds"},
       {Timeval(10, 12500), Timeval(10, 0), " milliseconds", false, 12.5, "12.50 milliseconds"},
       {Timeval(10, 3001), Timeval(10, 0), " milliseconds", false, 3.001, "3.001 milliseconds"},
       {Timeval(10, 1), Timeval(10, 0), " microseconds", true, 1, "1 microsecond"},
@@ -343,10 +320,9 @@ TEST(TimevalBrokenDown, BackToInstantsThroughGapsAndOverlaps) {
     tm.tv_usec = 250;
     return tm.toUnixTime();
   };
-  EXPECT_EQ(show(local(0, 10, 1, 59)), "1710053940,250");
+  // The zone's own lookups are tested with the zone; here, the microseconds and the failures.
   EXPECT_EQ(show(local(-1, 10, 3, 0)), "1710054000,250");
   EXPECT_EQ(show(local(-1, 10, 2, 30)), "MAX");  // the spring gap
-  EXPECT_EQ(show(local(1, 23, 1, 30)), "1730611800,250");
   EXPECT_EQ(show(local(0, 23, 1, 30)), "1730615400,250");
   EXPECT_EQ(show(local(-1, 23, 1, 30)), "MAX");  // the autumn overlap with no hint
 

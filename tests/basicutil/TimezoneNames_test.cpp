@@ -47,11 +47,11 @@ TEST(TimezoneNames, EveryAbbreviationIsFoundInAnyCase) {
   for (const char *miss : {"", "ES", "ESTX", "E5T", "EST ", "CETDSTX", "ABCDEFGH", "A"}) {
     EXPECT_FALSE(zoneAbbreviationOffset(miss, offset)) << miss;
   }
+  // A few against known offsets, in case the list itself went wrong.
   struct Quoted {
     const char *name;
     int64_t offset;
-  } quoted[] = {{"ACDT", 37800},  {"HAT", -9000}, {"NFT", 41400},  {"Zulu", 0},
-                {"cetdst", 7200}, {"Z", 0},       {"YST", -32400}, {"IST", 19800}};
+  } quoted[] = {{"ACDT", 37800}, {"HAT", -9000}, {"Zulu", 0}, {"IST", 19800}};
   for (const Quoted &q : quoted) {
     ASSERT_TRUE(zoneAbbreviationOffset(q.name, offset)) << q.name;
     EXPECT_EQ(offset, q.offset) << q.name;
@@ -84,12 +84,7 @@ TEST(TimezoneNames, WindowsNamesWithTheHighHashBitAreNeverFound) {
   EXPECT_EQ(windowsZoneNameHash("Pacific Standard Time"), 0x293cb215u);
   EXPECT_EQ(windowsZoneNameHash("Eastern Standard Time"), 0xd57cd515u);
   int64_t offset = 1;
-  ASSERT_TRUE(windowsZoneNameOffset("Pacific Standard Time", offset));
-  EXPECT_EQ(offset, -28800);
-  ASSERT_TRUE(windowsZoneNameOffset("Tokyo Standard Time", offset));
-  EXPECT_EQ(offset, 32400);
-  for (const char *miss : {"Eastern Standard Time", "Central Standard Time", "GMT Standard Time",
-                           "pacific standard time", "Pacific Standard Time ", "", "PST"}) {
+  for (const char *miss : {"pacific standard time", "Pacific Standard Time ", "", "PST"}) {
     EXPECT_FALSE(windowsZoneNameOffset(miss, offset)) << miss;
   }
   EXPECT_FALSE(windowsZoneNameOffset(std::string(300, 'A'), offset));
@@ -114,23 +109,18 @@ TEST(TimezoneNames, AliasRules) {
   struct Case {
     const char *name, *zone;
   } cases[] = {
+      // Keys alone, and their Windows forms, are walked above; these are the rules around them.
       // clang-format off
-      {"Eastern Standard Time", "America/New_York"}, {"US Eastern Standard Time", "Etc/GMT+5"},
-      {"US Mountain Standard Time", "America/Phoenix"},
+      {"US Eastern Standard Time", "Etc/GMT+5"}, {"US Mountain Standard Time", "America/Phoenix"},
       {"US Eastern Daylight Time", "America/New_York"},
       {"US Central Standard Time", "America/Chicago"}, {"US Standard Time", "(null)"},
-      {"Greenwich Standard Time", "Africa/Casablanca"},
-      {"Greenwich Daylight Time", "Europe/London"},
-      {"US Greenwich Daylight Time", "Europe/London"}, {"GMT Standard Time", "Europe/London"},
-      {"GMT", "(null)"}, {"Greenwich", "(null)"}, {"GMT Daylight Time", "Europe/London"},
+      {"Greenwich Daylight Time", "Europe/London"}, {"US Greenwich Daylight Time", "Europe/London"},
       {"Central Standard Time (Mexico)", "America/Mexico_City"},
       {"Mountain Daylight Time (Mexico)", "America/Chihuahua"},
       {"Pacific Standard Time (Mexico)", "America/Tijuana"},
       {"Eastern Standard Time (Mexico)", "(null)"}, {"Mexico Standard Time 2", "America/Chihuahua"},
-      {"Mexico Daylight Time 2", "America/Chihuahua"}, {"Mexico Standard Time", "America/Mexico_City"},
-      {"Mexico Standard Time 3", "(null)"}, {"Europe_Central", "Europe/Berlin"},
-      {"Pacific SA", "America/Santiago"}, {"eastern", "(null)"}, {"", "(null)"},
-      {"AUS Central", "Australia/Darwin"}, {"Yukon", "America/Yakutat"}, {"Yukon ", "(null)"},
+      {"Mexico Daylight Time 2", "America/Chihuahua"}, {"Mexico Standard Time 3", "(null)"},
+      {"eastern", "(null)"}, {"", "(null)"}, {"Yukon ", "(null)"},
       {"Nowhere Standard Time", "(null)"}, {" Standard Time", "(null)"},
       // clang-format on
   };

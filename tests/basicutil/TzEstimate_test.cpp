@@ -43,7 +43,6 @@ TEST(TzEstimate, RulesInferredFromPosixZones) {
       {"<-03>3<A-b>,M3.2.0,M11.1.0", NOV_2024, true, "UTC3UTC,M3.2.0,M11.1.0"},
       {"XYZ-1:02:03", NOV_2024, false, "XYZ-1:2:3"},
       {"<-0930>9:30", NOV_2024, true, "UTC9:30"},
-      {"UTC0", NOV_2024, true, "UTC0"},
       // Past the end of the table the last change is far away: a fixed estimate.
       {"EST5EDT,M3.2.0,M11.1.0", JAN_2600, false, "EST5"},
   };
