@@ -600,7 +600,7 @@ const char *rawParse(const TimeFormat &format, TimeFormatRawParseResult &r, cons
     if (a->what == TF::WHITESPACE) {
       ++a;
     } else if (a->what == TF::LITERAL && a->width == 1 && a + 1 < format.end() &&
-               a[1].what == TF::SUBSECOND_NUM && (a->x.text[0] == '.' || a->x.text[1] == ',')) {
+               a[1].what == TF::SUBSECOND_NUM && (a->x.text[0] == '.' || a->x.text[0] == ',')) {
       a += 2;
     } else {
       return nullptr;
