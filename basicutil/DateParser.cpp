@@ -144,17 +144,16 @@ int64_t absDiff(int64_t a, int64_t b) {
   return d < 0 ? -d : d;
 }
 
-// The pattern JIT-compiled without the callouts of the Regex layer; null when that fails. Log
-// text is often not valid UTF-8: such bytes must simply not match.
+// The pattern compiled without the callouts of the Regex layer, JIT-compiled where the platform
+// allows (the interpreter serves otherwise); null only when the pattern does not compile. Log
+// text is often not valid UTF-8: such bytes must simply not match, so even without JIT this copy,
+// never the Regex layer's, is what meets the text.
 pcre2_code *compileFast(StrSegment pattern) {
   int err;
   PCRE2_SIZE err_offset;
   pcre2_code *code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
                                    PCRE2_UTF | PCRE2_MATCH_INVALID_UTF, &err, &err_offset, nullptr);
-  if (code != nullptr && pcre2_jit_compile(code, PCRE2_JIT_COMPLETE) != 0) {
-    pcre2_code_free(code);
-    code = nullptr;
-  }
+  if (code != nullptr) pcre2_jit_compile(code, PCRE2_JIT_COMPLETE);
   return code;
 }
 
@@ -789,10 +788,7 @@ bool DateParser::prepareText(StrSegment &text, int32_t &shift) {
     shift = static_cast<int32_t>(end);
     text = text.substr(end);
   } else if (!_prefix.empty()) {
-    StrSegment rest;
-    if (!_prefix.matchBase(text.data(), text.size(), nullptr, nullptr, &rest)) return false;
-    shift = static_cast<int32_t>(rest.data() - text.data());
-    text = rest;
+    return false;
   }
   if (_lookahead > 0 && text.size() > static_cast<size_t>(_lookahead)) {
     text = StrSegment(text.data(), static_cast<size_t>(_lookahead));
@@ -818,7 +814,7 @@ int DateParser::matchFast(pcre2_real_code_8 *code, StrSegment text, uint32_t pai
 bool DateParser::matchOne(DateTimeRegex &re, StrSegment text, int32_t &begin, int32_t &end) {
   DateTimeCaptures &c = _captures;
   const size_t groups = re.codes.size();
-  if (re.fast != nullptr) {
+  if (re.fast != nullptr) {  // never the Regex layer's copy: it assumes valid UTF-8
     int rc = matchFast(re.fast, text, static_cast<uint32_t>(groups) + 1);
     if (rc <= 0) return false;
     const PCRE2_SIZE *ov = pcre2_get_ovector_pointer(_match_data);
@@ -836,20 +832,7 @@ bool DateParser::matchOne(DateTimeRegex &re, StrSegment text, int32_t &begin, in
     end = static_cast<int32_t>(std::max(ov[0], ov[1]));
     return true;
   }
-  if (!re.regex.matchBase(text.data(), text.size(), nullptr, &_match, nullptr)) return false;
-  for (StrSegment &p : c.part) p = StrSegment();
-  c.count = 0;
-  size_t n = std::min(_match.size(), groups);
-  for (size_t i = 0; i < n; ++i) {
-    uint32_t code = re.codes[i];
-    if (code < DTCODE_IGNORED && !_match[i].empty()) {
-      c.part[code] = _match[i];
-      ++c.count;
-    }
-  }
-  begin = static_cast<int32_t>(_match.getMatchStart());
-  end = static_cast<int32_t>(_match.getMatchEnd());
-  return true;
+  return false;  // only a pattern that did not compile lacks the safe copy
 }
 
 bool DateParser::runList(DateTimeRegexList &list, DateTimeListState &state, StrSegment text,

@@ -335,7 +335,6 @@ class DateParser {
   bool _used_previous = false;
 
   // Scratch reused by every call, so the warm path allocates nothing.
-  RegexMatch _match;
   pcre2_real_match_data_8 *_match_data = nullptr;
   uint32_t _match_pairs = 0;
   DateTimeCaptures _captures;
