@@ -115,6 +115,29 @@ TEST(TsOptionsText, ReadsBothFormsAndRefusesBadValues) {
   EXPECT_FALSE(splitWords("--format='%d", words));
 }
 
+TEST(TsValidUtf8, MalformedBytesBecomeQuestionMarksInPlace) {
+  struct Case {
+    const char *in;
+    const char *want;  // null: valid, left alone
+  } cases[] = {
+      {"plain 12:00", nullptr},
+      {"caf\xc3\xa9 \xe4\xb8\x80\xe6\x9c\x88 \xf0\x9f\x98\x80", nullptr},
+      {"a\xff" "b", "a?b"},
+      {"\xe2\x28\xa1", "?(?"},
+      {"\xc0\xaf overlong", "?? overlong"},
+      {"\xed\xa0\x80 surrogate", "??? surrogate"},
+      {"\xf4\x90\x80\x80 too big", "???? too big"},
+      {"cut \xe4\xb8", "cut ??"},
+  };
+  for (const Case &c : cases) {
+    Str out;
+    EXPECT_EQ(replaceInvalidUtf8(c.in, out), c.want != nullptr) << c.in;
+    if (c.want != nullptr) {
+      EXPECT_EQ(out, c.want);
+    }
+  }
+}
+
 TEST(TsColumn, IsoWithOffsetPrecisionAndMarks) {
   struct Case {
     bool ok, previous;

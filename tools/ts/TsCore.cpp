@@ -12,6 +12,7 @@
 #include "basicutil/DateTime.h"
 #include "basicutil/FileDescriptor.h"
 #include "basicutil/Logger.h"
+#include "basicutil/UnicodeCodepoint.h"
 
 namespace morvek::ts {
 
@@ -363,6 +364,45 @@ bool loadPatterns(DateTimeRegexes &set, const TsOptions &opts, Str &error) {
   return set.loadFile(path.c_str(), error);
 }
 
+namespace {
+
+// Length of the well-formed UTF-8 sequence at p, or 0.
+size_t sequenceLength(const unsigned char *p, size_t left) {
+  const unsigned char c = p[0];
+  if (c < 0x80) return 1;
+  const size_t n = c < 0xC2 ? 0 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : c < 0xF5 ? 4 : 0;
+  if (n == 0 || left < n) return 0;
+  for (size_t i = 1; i < n; ++i) {
+    if ((p[i] & 0xC0) != 0x80) return 0;
+  }
+  if ((c == 0xE0 && p[1] < 0xA0) || (c == 0xED && p[1] > 0x9F) || (c == 0xF0 && p[1] < 0x90) ||
+      (c == 0xF4 && p[1] > 0x8F))
+    return 0;
+  return n;
+}
+
+}  // namespace
+
+bool replaceInvalidUtf8(StrSegment text, Str &out) {
+  const unsigned char *p = reinterpret_cast<const unsigned char *>(text.data());
+  const size_t len = text.size();
+  size_t i = mem_ascii_prefix_length(text.data(), len);
+  bool copied = false;
+  while (i < len) {
+    const size_t n = sequenceLength(p + i, len - i);
+    if (n != 0) {
+      i += n;
+      continue;
+    }
+    if (!copied) {
+      out.assign(text.data(), len);
+      copied = true;
+    }
+    out[i++] = '?';
+  }
+  return copied;
+}
+
 void quietParserLogs() {
   // Channels made before initialisation would not see the levels set here.
   Logger::initialize();
@@ -400,7 +440,8 @@ void LineTimer::column(StrSegment line, Str &out) {
   Timeval t;
   ParseDetails details{};
   int32_t date_begin, date_end, time_begin, time_end;
-  const bool ok = _parser.parse(t, line, eventTime(_opts), &date_begin, &date_end, &time_begin,
+  const StrSegment text = replaceInvalidUtf8(line, _valid) ? StrSegment(_valid) : line;
+  const bool ok = _parser.parse(t, text, eventTime(_opts), &date_begin, &date_end, &time_begin,
                                 &time_end, &details);
   const bool previous = ok && _parser.usedPrevious();
   ++_stats.lines;

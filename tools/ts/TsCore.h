@@ -77,6 +77,11 @@ Str shippedPatternsPath();
 // saying that no pattern file was found.
 bool loadPatterns(DateTimeRegexes &set, const TsOptions &opts, Str &error);
 
+// Regular expressions may only be run on valid UTF-8. When text is not, out receives a copy
+// with each byte of every malformed sequence (overlong forms and surrogates included) made '?',
+// so offsets stay, and the answer is true; valid text is left alone and the answer is false.
+bool replaceInvalidUtf8(StrSegment text, Str &out);
+
 // Keeps the parser's warnings and settings reports off standard error.
 void quietParserLogs();
 
@@ -109,6 +114,7 @@ class LineTimer {
   const TsOptions _opts;
   DateParser _parser;
   TsStats _stats;
+  Str _valid;
 };
 
 // One annotated line of a corpus file: "EXPECTED<TAB>LINE".
