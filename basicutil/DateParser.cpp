@@ -5,7 +5,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <set>
+
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <pcre2.h>
 
 #include "basicutil/TimeFormatParse.h"
 #include "basicutil/TimeRender.h"
@@ -138,6 +142,20 @@ int64_t absDiff(int64_t a, int64_t b) {
   int64_t d;
   if (__builtin_sub_overflow(a, b, &d) || d == INT64_MIN) return INT64_MAX;
   return d < 0 ? -d : d;
+}
+
+// The pattern JIT-compiled without the callouts of the Regex layer; null when that fails. Log
+// text is often not valid UTF-8: such bytes must simply not match.
+pcre2_code *compileFast(StrSegment pattern) {
+  int err;
+  PCRE2_SIZE err_offset;
+  pcre2_code *code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
+                                   PCRE2_UTF | PCRE2_MATCH_INVALID_UTF, &err, &err_offset, nullptr);
+  if (code != nullptr && pcre2_jit_compile(code, PCRE2_JIT_COMPLETE) != 0) {
+    pcre2_code_free(code);
+    code = nullptr;
+  }
+  return code;
 }
 
 uint32_t codeOfName(StrSegment name) {
@@ -336,7 +354,9 @@ bool DateRegexList::validate(DateTimeParseResult &result, DateParser &parser) {
 // ---- The pattern set ----------------------------------------------------------------------------
 
 DateTimeRegexes::DateTimeRegexes() = default;
-DateTimeRegexes::~DateTimeRegexes() = default;
+DateTimeRegexes::~DateTimeRegexes() {
+  for (auto &entry : _by_pattern) pcre2_code_free(entry.second->fast);
+}
 
 DateTimeRegexes &DateTimeRegexes::shared() {
   static DateTimeRegexes *regexes = new DateTimeRegexes();
@@ -362,6 +382,7 @@ DateTimeRegex *DateTimeRegexes::add(DateTimeRegexList &list, StrSegment pattern,
     } catch (const RegexException &e) {
       logger.error("Cannot compile RE \"%s\": %s", key.c_str(), e.what());
     }
+    if (!owned->regex.empty()) owned->fast = compileFast(key);
     owned->codes.assign(owned->regex.getCaptureGroupCount(), DTCODE_IGNORED);
     for (const RegexNamedGroup &g : owned->regex.namedGroups()) {
       StrSegment name(g.name, g.name_len);
@@ -605,7 +626,10 @@ DateParser::DateParser(bool use_cache, DateTimeRegexes *set)
                        static_cast<int>(_guesser.max_hence_secs / 86400));
 }
 
-DateParser::~DateParser() = default;
+DateParser::~DateParser() {
+  pcre2_match_data_free(_match_data);
+  pcre2_code_free(_prefix_fast);
+}
 
 void DateParser::setMode(int mode) { _mode = mode; }
 void DateParser::setLookahead(int32_t n) { _lookahead = n; }
@@ -613,9 +637,12 @@ void DateParser::setLookahead(int32_t n) { _lookahead = n; }
 bool DateParser::setPrefix(StrSegment regex) {
   if (regex.empty()) {
     _prefix.clear();
-    return true;
+  } else if (!_prefix.tryAssign(regex)) {
+    return false;
   }
-  return _prefix.tryAssign(regex);
+  pcre2_code_free(_prefix_fast);
+  _prefix_fast = _prefix.empty() ? nullptr : compileFast(regex);
+  return true;
 }
 
 bool DateParser::setFormat(StrSegment time_format) {
@@ -756,7 +783,12 @@ void DateParser::timeText(Str &out, const Timeval &t) {
 
 bool DateParser::prepareText(StrSegment &text, int32_t &shift) {
   shift = 0;
-  if (!_prefix.empty()) {
+  if (_prefix_fast != nullptr) {
+    if (!matchFast(_prefix_fast, text, 1)) return false;
+    size_t end = pcre2_get_ovector_pointer(_match_data)[1];
+    shift = static_cast<int32_t>(end);
+    text = text.substr(end);
+  } else if (!_prefix.empty()) {
     StrSegment rest;
     if (!_prefix.matchBase(text.data(), text.size(), nullptr, nullptr, &rest)) return false;
     shift = static_cast<int32_t>(rest.data() - text.data());
@@ -768,12 +800,46 @@ bool DateParser::prepareText(StrSegment &text, int32_t &shift) {
   return !text.empty();
 }
 
+int DateParser::matchFast(pcre2_real_code_8 *code, StrSegment text, uint32_t pairs) {
+  if (pairs > _match_pairs) {
+    pcre2_match_data_free(_match_data);
+    _match_pairs = std::max<uint32_t>(pairs, 16);
+    _match_data = pcre2_match_data_create(_match_pairs, nullptr);
+    if (_match_data == nullptr) {
+      _match_pairs = 0;
+      throw std::bad_alloc();
+    }
+  }
+  int rc = pcre2_match(code, reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(), 0, 0,
+                       _match_data, nullptr);
+  return rc < 0 ? 0 : rc;
+}
+
 bool DateParser::matchOne(DateTimeRegex &re, StrSegment text, int32_t &begin, int32_t &end) {
-  if (!re.regex.matchBase(text.data(), text.size(), nullptr, &_match, nullptr)) return false;
   DateTimeCaptures &c = _captures;
+  const size_t groups = re.codes.size();
+  if (re.fast != nullptr) {
+    int rc = matchFast(re.fast, text, static_cast<uint32_t>(groups) + 1);
+    if (rc <= 0) return false;
+    const PCRE2_SIZE *ov = pcre2_get_ovector_pointer(_match_data);
+    for (StrSegment &p : c.part) p = StrSegment();
+    c.count = 0;
+    for (size_t i = 0; i < groups && static_cast<int>(i) + 1 < rc; ++i) {
+      uint32_t code = re.codes[i];
+      PCRE2_SIZE s = ov[2 * i + 2], e = ov[2 * i + 3];
+      if (code < DTCODE_IGNORED && s != PCRE2_UNSET && e > s) {
+        c.part[code] = StrSegment(text.data() + s, e - s);
+        ++c.count;
+      }
+    }
+    begin = static_cast<int32_t>(ov[0]);
+    end = static_cast<int32_t>(std::max(ov[0], ov[1]));
+    return true;
+  }
+  if (!re.regex.matchBase(text.data(), text.size(), nullptr, &_match, nullptr)) return false;
   for (StrSegment &p : c.part) p = StrSegment();
   c.count = 0;
-  size_t n = std::min(_match.size(), re.codes.size());
+  size_t n = std::min(_match.size(), groups);
   for (size_t i = 0; i < n; ++i) {
     uint32_t code = re.codes[i];
     if (code < DTCODE_IGNORED && !_match[i].empty()) {
@@ -875,18 +941,9 @@ bool DateParser::convert(Timeval &out, DateTimeParseResult &r, ParseDetails *det
 
 bool DateParser::formatParse(Timeval &out, StrSegment text, ParseDetails *details,
                              int32_t &consumed) {
-  PR r;
-  r.have = 0;
-  r.conflicts = 0;
-  r.subsec = 0;
-  r.finest = _format.finest();
-  r.coarsest = _format.coarsest();
-  const char *stop = rawParse(_format, r, text.begin(), text.end());
-  if (stop == nullptr) return false;
-  Timeval t;
-  if (!t.set(r, &_guesser, details)) return false;
-  out = t;
-  consumed = static_cast<int32_t>(stop - text.begin());
+  int64_t n = parseTime(_format, text, out, &_guesser, nullptr, details);
+  if (n < 0) return false;
+  consumed = static_cast<int32_t>(n);
   return true;
 }
 

@@ -13,9 +13,9 @@
 //   "2024-03-10 01:59:59 host sshd" gives 1710053999 (EST, offset -18000).
 //   "2024-03-10 02:30:00 ..." lies in the spring gap; it resolves as the zone's reverse search
 //     chose, to 1710052200.
-//   "Nov  3 01:30:00 ..." read on 2024-11-03 happens twice; the earlier instant (EDT,
-//     1730611800) is taken unless the later is closer to the anchor.
-//   "Dec 31 23:59:58 ..." read at 2025-01-01 00:00:05 UTC is 2024-12-31.
+//   "2024-11-03 01:30:00 ..." read at 2024-11-03 12:00 UTC happens twice (EDT 1730611800, EST
+//     1730615400); the later is nearer the anchor and is taken, offset -18000.
+//   "Dec 31 23:59:58 ..." read at 2025-01-01 05:00:05 UTC is 2024-12-31 (1735707598).
 //   "10:00:01 worker started" (no date) takes the date of the previous event or today.
 //   A line with no time at all takes the previous event's time (usedPrevious() is then true).
 //
@@ -27,7 +27,9 @@
 //   iso-date  (?<year>\d{4})-(?<month>\d\d)-(?<day>\d\d)
 //     (?:...)                  a line starting with a blank continues the previous pattern
 // An entry is LABEL ([A-Za-z0-9_.:-]+, unique within its section), blanks, then the pattern to
-// the end of the line with trailing blanks removed.
+// the end of the line with trailing blanks removed. Keep "zone" groups specific: a captured word
+// that names no zone makes the whole time unusable unless an override zone is set. Only the
+// first DEFAULT_LOOKAHEAD (128) bytes of an event are searched unless setLookahead says otherwise.
 #pragma once
 
 #include <cstdarg>
@@ -43,6 +45,9 @@
 #include "basicutil/TimeFormat.h"
 #include "basicutil/TimeResolve.h"
 #include "basicutil/Timeval.h"
+
+struct pcre2_real_code_8;
+struct pcre2_real_match_data_8;
 
 namespace morvek {
 
@@ -81,6 +86,9 @@ struct DateTimeRegex {
   Str pattern;                  // its text
   Regex regex;                  // empty when the pattern did not compile
   std::vector<uint32_t> codes;  // one per capture group in order; unnamed groups are 13
+  // The same pattern compiled for speed (JIT, no callouts, safe on invalid UTF-8); owned by the
+  // set. Null when that failed: regex then does the matching.
+  pcre2_real_code_8 *fast = nullptr;
 };
 
 // What a list made of a match: the raw result, the zone text it owns (pr.tzname points into it
@@ -296,6 +304,8 @@ class DateParser {
   bool prepareText(StrSegment &text, int32_t &shift);
   bool runList(DateTimeRegexList &list, DateTimeListState &state, StrSegment text,
                DateTimeParseResult &result, int32_t &begin, int32_t &end, bool strict);
+  // The number of groups set plus one, 0 for no match; the offsets are in _match_data.
+  int matchFast(pcre2_real_code_8 *code, StrSegment text, uint32_t pairs);
   bool matchOne(DateTimeRegex &re, StrSegment text, int32_t &begin, int32_t &end);
   bool convert(Timeval &out, DateTimeParseResult &r, ParseDetails *details);
   bool formatParse(Timeval &out, StrSegment text, ParseDetails *details, int32_t &consumed);
@@ -315,6 +325,7 @@ class DateParser {
   DateTimeParseResult _cached_date_result;
   int _mode = 0;
   Regex _prefix;
+  pcre2_real_code_8 *_prefix_fast = nullptr;
   TimeFormat _format;
   DateParserGuesser _guesser;
   ParseDetails _details_cache;
@@ -325,6 +336,8 @@ class DateParser {
 
   // Scratch reused by every call, so the warm path allocates nothing.
   RegexMatch _match;
+  pcre2_real_match_data_8 *_match_data = nullptr;
+  uint32_t _match_pairs = 0;
   DateTimeCaptures _captures;
   DateTimeParseResult _scratch, _time_result, _date_result;
   Str _warn_text;
