@@ -5,7 +5,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <set>
+
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <pcre2.h>
 
 #include "basicutil/TimeFormatParse.h"
 #include "basicutil/TimeRender.h"
@@ -336,7 +340,9 @@ bool DateRegexList::validate(DateTimeParseResult &result, DateParser &parser) {
 // ---- The pattern set ----------------------------------------------------------------------------
 
 DateTimeRegexes::DateTimeRegexes() = default;
-DateTimeRegexes::~DateTimeRegexes() = default;
+DateTimeRegexes::~DateTimeRegexes() {
+  for (auto &entry : _by_pattern) pcre2_code_free(entry.second->fast);
+}
 
 DateTimeRegexes &DateTimeRegexes::shared() {
   static DateTimeRegexes *regexes = new DateTimeRegexes();
@@ -361,6 +367,17 @@ DateTimeRegex *DateTimeRegexes::add(DateTimeRegexList &list, StrSegment pattern,
       owned->regex = Regex(pattern);
     } catch (const RegexException &e) {
       logger.error("Cannot compile RE \"%s\": %s", key.c_str(), e.what());
+    }
+    if (!owned->regex.empty()) {
+      // Log text is often not valid UTF-8: such bytes must simply not match.
+      int err;
+      PCRE2_SIZE err_offset;
+      owned->fast = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(key.data()), key.size(),
+                                  PCRE2_UTF | PCRE2_MATCH_INVALID_UTF, &err, &err_offset, nullptr);
+      if (owned->fast != nullptr && pcre2_jit_compile(owned->fast, PCRE2_JIT_COMPLETE) != 0) {
+        pcre2_code_free(owned->fast);
+        owned->fast = nullptr;
+      }
     }
     owned->codes.assign(owned->regex.getCaptureGroupCount(), DTCODE_IGNORED);
     for (const RegexNamedGroup &g : owned->regex.namedGroups()) {
@@ -605,7 +622,7 @@ DateParser::DateParser(bool use_cache, DateTimeRegexes *set)
                        static_cast<int>(_guesser.max_hence_secs / 86400));
 }
 
-DateParser::~DateParser() = default;
+DateParser::~DateParser() { pcre2_match_data_free(_match_data); }
 
 void DateParser::setMode(int mode) { _mode = mode; }
 void DateParser::setLookahead(int32_t n) { _lookahead = n; }
@@ -769,11 +786,38 @@ bool DateParser::prepareText(StrSegment &text, int32_t &shift) {
 }
 
 bool DateParser::matchOne(DateTimeRegex &re, StrSegment text, int32_t &begin, int32_t &end) {
-  if (!re.regex.matchBase(text.data(), text.size(), nullptr, &_match, nullptr)) return false;
   DateTimeCaptures &c = _captures;
+  const size_t groups = re.codes.size();
+  if (re.fast != nullptr) {
+    uint32_t pairs = static_cast<uint32_t>(groups) + 1;
+    if (pairs > _match_pairs) {
+      pcre2_match_data_free(_match_data);
+      _match_data = pcre2_match_data_create(std::max<uint32_t>(pairs, 16), nullptr);
+      if (_match_data == nullptr) throw std::bad_alloc();
+      _match_pairs = std::max<uint32_t>(pairs, 16);
+    }
+    int rc = pcre2_match(re.fast, reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(), 0, 0,
+                         _match_data, nullptr);
+    if (rc < 0) return false;
+    const PCRE2_SIZE *ov = pcre2_get_ovector_pointer(_match_data);
+    for (StrSegment &p : c.part) p = StrSegment();
+    c.count = 0;
+    for (size_t i = 0; i < groups && static_cast<int>(i) + 1 < rc; ++i) {
+      uint32_t code = re.codes[i];
+      PCRE2_SIZE s = ov[2 * i + 2], e = ov[2 * i + 3];
+      if (code < DTCODE_IGNORED && s != PCRE2_UNSET && e > s) {
+        c.part[code] = StrSegment(text.data() + s, e - s);
+        ++c.count;
+      }
+    }
+    begin = static_cast<int32_t>(ov[0]);
+    end = static_cast<int32_t>(std::max(ov[0], ov[1]));
+    return true;
+  }
+  if (!re.regex.matchBase(text.data(), text.size(), nullptr, &_match, nullptr)) return false;
   for (StrSegment &p : c.part) p = StrSegment();
   c.count = 0;
-  size_t n = std::min(_match.size(), re.codes.size());
+  size_t n = std::min(_match.size(), groups);
   for (size_t i = 0; i < n; ++i) {
     uint32_t code = re.codes[i];
     if (code < DTCODE_IGNORED && !_match[i].empty()) {

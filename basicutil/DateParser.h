@@ -44,6 +44,9 @@
 #include "basicutil/TimeResolve.h"
 #include "basicutil/Timeval.h"
 
+struct pcre2_real_code_8;
+struct pcre2_real_match_data_8;
+
 namespace morvek {
 
 class DateParser;
@@ -81,6 +84,9 @@ struct DateTimeRegex {
   Str pattern;                  // its text
   Regex regex;                  // empty when the pattern did not compile
   std::vector<uint32_t> codes;  // one per capture group in order; unnamed groups are 13
+  // The same pattern compiled for speed (JIT, no callouts, safe on invalid UTF-8); owned by the
+  // set. Null when that failed: regex then does the matching.
+  pcre2_real_code_8 *fast = nullptr;
 };
 
 // What a list made of a match: the raw result, the zone text it owns (pr.tzname points into it
@@ -325,6 +331,8 @@ class DateParser {
 
   // Scratch reused by every call, so the warm path allocates nothing.
   RegexMatch _match;
+  pcre2_real_match_data_8 *_match_data = nullptr;
+  uint32_t _match_pairs = 0;
   DateTimeCaptures _captures;
   DateTimeParseResult _scratch, _time_result, _date_result;
   Str _warn_text;
