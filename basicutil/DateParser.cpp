@@ -919,18 +919,9 @@ bool DateParser::convert(Timeval &out, DateTimeParseResult &r, ParseDetails *det
 
 bool DateParser::formatParse(Timeval &out, StrSegment text, ParseDetails *details,
                              int32_t &consumed) {
-  PR r;
-  r.have = 0;
-  r.conflicts = 0;
-  r.subsec = 0;
-  r.finest = _format.finest();
-  r.coarsest = _format.coarsest();
-  const char *stop = rawParse(_format, r, text.begin(), text.end());
-  if (stop == nullptr) return false;
-  Timeval t;
-  if (!t.set(r, &_guesser, details)) return false;
-  out = t;
-  consumed = static_cast<int32_t>(stop - text.begin());
+  int64_t n = parseTime(_format, text, out, &_guesser, nullptr, details);
+  if (n < 0) return false;
+  consumed = static_cast<int32_t>(n);
   return true;
 }
 

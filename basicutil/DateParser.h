@@ -13,9 +13,9 @@
 //   "2024-03-10 01:59:59 host sshd" gives 1710053999 (EST, offset -18000).
 //   "2024-03-10 02:30:00 ..." lies in the spring gap; it resolves as the zone's reverse search
 //     chose, to 1710052200.
-//   "Nov  3 01:30:00 ..." read on 2024-11-03 happens twice; the earlier instant (EDT,
-//     1730611800) is taken unless the later is closer to the anchor.
-//   "Dec 31 23:59:58 ..." read at 2025-01-01 00:00:05 UTC is 2024-12-31.
+//   "2024-11-03 01:30:00 ..." read at 2024-11-03 12:00 UTC happens twice (EDT 1730611800, EST
+//     1730615400); the later is nearer the anchor and is taken, offset -18000.
+//   "Dec 31 23:59:58 ..." read at 2025-01-01 05:00:05 UTC is 2024-12-31 (1735707598).
 //   "10:00:01 worker started" (no date) takes the date of the previous event or today.
 //   A line with no time at all takes the previous event's time (usedPrevious() is then true).
 //
@@ -27,7 +27,9 @@
 //   iso-date  (?<year>\d{4})-(?<month>\d\d)-(?<day>\d\d)
 //     (?:...)                  a line starting with a blank continues the previous pattern
 // An entry is LABEL ([A-Za-z0-9_.:-]+, unique within its section), blanks, then the pattern to
-// the end of the line with trailing blanks removed.
+// the end of the line with trailing blanks removed. Keep "zone" groups specific: a captured word
+// that names no zone makes the whole time unusable unless an override zone is set. Only the
+// first DEFAULT_LOOKAHEAD (128) bytes of an event are searched unless setLookahead says otherwise.
 #pragma once
 
 #include <cstdarg>
