@@ -55,9 +55,8 @@ TEST(CrashLogWriter, NumbersDoublesAndTextForms) {
 
   const std::pair<double, const char *> doubles[] = {
       // clang-format off
-      {0.0, "0."}, {-0.0, "-0."}, {5.0, "5."}, {1.5, "1.5"}, {-2.25, "-2.25"}, {100.0, "100."}, {0.1, "0.1"}, {0.001, "0.001"},
-      {1e21, "1000000000000000000000."}, {1.25e-7, "0.000000125"}, {123.456, "123.456"},
-      {std::nan(""), "NaN"}, {INFINITY, "Infinity"}, {-INFINITY, "-Infinity"},
+      {-0.0, "-0."}, {100.0, "100."}, {-2.25, "-2.25"}, {0.001, "0.001"}, {1e21, "1000000000000000000000."},
+      {1.25e-7, "0.000000125"}, {std::nan(""), "NaN"}, {-INFINITY, "-Infinity"},
       // clang-format on
   };
   for (const auto &c : doubles)
@@ -114,7 +113,7 @@ TEST(CrashLogWriter, FileContentsAndLastLines) {
   EXPECT_EQ(contents(empty, 10), head + empty + "\"\n" + end);
   EXPECT_EQ(contents("/nonexistent/x", 10), head + "/nonexistent/x\"\n*** ERROR OPENING FILE: " +
                                                 "No such file or directory\n" + end);
-  const std::string big = file("big", std::string(3000, 'z'));
+  const std::string big = file("big", std::string(3000, 'z'));  // more than one read
   EXPECT_NE(contents(big, 5000).find("\"\n" + std::string(3000, 'z') + "\n--"), std::string::npos);
 
   const std::string lines = file("lines", "first line\nsecond\tline\r\n\nthird\n");
@@ -272,10 +271,7 @@ TEST(CrashBacktrace, SkipCountsFromTheCallerAndFormsAgree) {
   size_t sizes[4] = {9, 9, 9, 9};
   int left = -1;
   EXPECT_EQ(crash_backtrace_any(addrs, sizes, 1, 0, nullptr, &left), 1);
-  EXPECT_GT(left, 0);
-  EXPECT_EQ(sizes[0], 0u);
-  EXPECT_EQ(sizes[1], 9u);
-  EXPECT_EQ(crash_backtrace_any(addrs, nullptr, 0, 0, nullptr, nullptr), 0);
+  EXPECT_TRUE(left > 0 && sizes[0] == 0 && sizes[1] == 9);
 
   // A replacement takes all calls.
   crash_backtrace_set_replacement(&replacement);
@@ -288,9 +284,7 @@ TEST(CrashBacktrace, SkipCountsFromTheCallerAndFormsAgree) {
 // ---- BaseException --------------------------------------------------------------------------
 
 TEST(BaseException, MessagesCopiesAndMoves) {
-  EXPECT_STREQ(morvek::BaseException().what(), "BaseException");
   EXPECT_STREQ(morvek::BaseException("").what(), "BaseException");
-  EXPECT_EQ(morvek::BaseException(Str()).getMessage(), "BaseException");
   EXPECT_STREQ(morvek::BaseException(ENOENT, "open %s: %m", "f").what(),
                "open f: No such file or directory");
   EXPECT_STREQ(morvek::BaseException("cannot start: ", EAGAIN, "%s: %m", "t1").what(),
@@ -299,21 +293,12 @@ TEST(BaseException, MessagesCopiesAndMoves) {
   morvek::BaseException from_errno(morvek::BaseException::USE_ERRNO, nullptr, "%m");
   EXPECT_STREQ(from_errno.what(), "Permission denied");
   EXPECT_EQ(errno, EACCES);
-  Str out("x=");
-  from_errno.appendTo(out);
-  EXPECT_EQ(out, "x=Permission denied");
-  EXPECT_EQ(render([&](CrashLogWriter &w) { morvek::BaseException().write(w); }), "BaseException");
+  EXPECT_EQ(render([&](CrashLogWriter &w) { from_errno.write(w); }), "Permission denied");
 
   morvek::BaseException a("moved text");
-  morvek::BaseException copy(a);
   morvek::BaseException moved(std::move(a));
   EXPECT_STREQ(moved.what(), "moved text");
   EXPECT_STREQ(a.what(), "BaseException");  // NOLINT: the source is left empty
-  morvek::BaseException assigned("old");
-  assigned = copy;
-  assigned.setMessage("new");
-  EXPECT_STREQ(assigned.what(), "new");
-  EXPECT_STREQ(copy.what(), "moved text");
 }
 
 [[noreturn]] __attribute__((noinline)) void throwFromWhat() { throw 1; }
