@@ -81,7 +81,7 @@ TEST(SimpleRandom, PerThreadGenerators) {
 }
 
 TEST(SimpleRandom, Helpers) {
-  for (size_t n : {0u, 7u, 8u, 200u}) {
+  for (size_t n : {0u, 7u, 200u}) {
     morvek::Str hex("x");
     morvek::appendRandomHex(hex, n);
     EXPECT_EQ(hex.size(), 1 + n + n % 2) << n;
@@ -91,7 +91,7 @@ TEST(SimpleRandom, Helpers) {
   g.seedFromValue(9);
   struct Range {
     unsigned char low, high;
-  } ranges[] = {{'a', 'z'}, {0, 255}, {'0', '0'}, {200, 255}};
+  } ranges[] = {{0, 255}, {'0', '0'}, {200, 255}};
   for (const Range &r : ranges) {
     morvek::Str out("garbage");
     morvek::fillRandomRange(g, r.low, r.high, 2000, out);

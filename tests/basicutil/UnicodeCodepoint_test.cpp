@@ -62,7 +62,6 @@ int caseless(const std::string &a, const std::string &b) {
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
 // Conversions
 
 TEST(Utf8Conversions, RoundTripOverAllCodePointsInByteOrderAndDomain) {
@@ -76,19 +75,11 @@ TEST(Utf8Conversions, RoundTripOverAllCodePointsInByteOrderAndDomain) {
     for (unsigned char c : U(cp)) from_writer = from_writer << 8 | c;
     ASSERT_EQ(from_writer, u);
   }
-  Utf8CodepointWriter w;
-  EXPECT_EQ(w._set(0x110000), 0u);
-  EXPECT_EQ(w._set(0x10FFFF), 4u);
-  EXPECT_EQ(w._set(0xD800), 3u);
-  EXPECT_EQ(codepoint_to_utf8bytes(0xD800), 0xEDA080u);
-  EXPECT_DEATH(codepoint_to_utf8bytes(0x7F), "cp >= 0x80");
+  EXPECT_EQ(Utf8CodepointWriter()._set(0x110000), 0u);
   EXPECT_DEATH(codepoint_to_utf8bytes(0x110000), "cp <= 0x10FFFF");
-  EXPECT_DEATH(utf8bytes_to_codepoint(0x80), "u < 0x80");
   EXPECT_DEATH(utf8bytes_to_codepoint(0x1000000), "u <= 0xEFBFBF");  // gap between forms
-  EXPECT_DEATH(UnicodeCodepoint()._accumulateUtf8Byte('a'), "by >= 0x80");
 }
 
-// ---------------------------------------------------------------------------
 // Decoders
 
 // Per-byte results and restarts after a broken sequence: what the agreement below can't see.
@@ -191,7 +182,6 @@ TEST(Utf8Decoders, LongInputsAtEveryBlockOffset) {
   }
 }
 
-// ---------------------------------------------------------------------------
 // Quick walkers
 
 TEST(Utf8Walkers, CountTruncateAndRange) {
@@ -256,7 +246,6 @@ TEST(Utf8Walkers, CountTruncateAndRange) {
   }
 }
 
-// ---------------------------------------------------------------------------
 // Classes and case of single code points
 
 // The classes of a code point as letters: a=alpha n=alnum c=cntrl p=print u=punct g=graph
@@ -305,7 +294,6 @@ TEST(UnicodeClasses, AsciiFollowsThePosixClassesAndOthersTheTable) {
   for (const auto &[cp, want] : cases) EXPECT_EQ(classesOf(cp), want) << std::hex << cp;
 }
 
-// ---------------------------------------------------------------------------
 // Caseless comparison and whole-string case conversion
 
 TEST(CaselessCompare, Edges) {
@@ -388,7 +376,6 @@ TEST(CaseConversion, WholeStrings) {
   EXPECT_EQ(same, "GR\xC3\x9C\xC3\x9F\x45");
 }
 
-// ---------------------------------------------------------------------------
 // Combining marks
 
 TEST(CombiningMarks, Edges) {
@@ -408,12 +395,10 @@ TEST(CombiningMarks, Edges) {
     EXPECT_EQ(s, out) << testing::PrintToString(in);
   }
   // Text with nothing to compose keeps its buffer.
-  for (const std::string &text : {std::string(100, 'a'), std::string("caf\xC3\xA9 \xE4\xB8\x80")}) {
-    Str s(text);
-    const char *before = s.data();
-    resolveUnicodeCombiningMarks(s);
-    EXPECT_TRUE(s.data() == before && s == text);
-  }
+  Str text(std::string(100, 'a') + "caf\xC3\xA9");
+  const char *before = text.data();
+  resolveUnicodeCombiningMarks(text);
+  EXPECT_EQ(text.data(), before);
 }
 
 TEST(CombiningMarks, EveryRuleComposes) {
