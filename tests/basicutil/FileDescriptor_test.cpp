@@ -250,7 +250,8 @@ TEST(FileDescriptorIo, CopiesAndQueries) {
 TEST(FileDescriptorText, NumbersAreDecimalAndDoublesPlain) {
   const std::pair<double, std::string> doubles[] = {
       // clang-format off
-      {-0.0, "-0."}, {-2.5, "-2.5"}, {5e-324, "0." + std::string(323, '0') + "5"},
+      {-0.0, "-0."}, {-2.5, "-2.5"}, {1.25e-7, "0.000000125"}, {1e21, "1000000000000000000000."},
+      {5e-324, "0." + std::string(323, '0') + "5"},
       {-1.7976931348623157e308, "-17976931348623157" + std::string(292, '0') + "."},
       {std::nan(""), "NaN"}, {-HUGE_VAL, "-Infinity"}};
   // clang-format on
