@@ -178,7 +178,7 @@ TEST(ThreadWrappers, MutexesLocksAndTokenSets) {
     r1.setup(rw);
     r2.setup(rw);
   }
-  { ScopedWriter w(&rw); }
+  { ScopedWriter w(&rw); }  // the readers let go
   EXPECT_DEATH(
       {
         ScopedReader r;
@@ -197,9 +197,6 @@ TEST(ThreadWrappers, MutexesLocksAndTokenSets) {
   set.remove(self);
   set.remove(self);
   EXPECT_FALSE(set.contains(self));
-  Str tokens;
-  set.appendDebugString(tokens);
-  EXPECT_EQ(tokens, "{}");
 }
 
 TEST(ThreadWrappers, WaitRelativeTimesOutOrSeesSignal) {
