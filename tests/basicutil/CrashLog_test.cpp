@@ -97,7 +97,7 @@ TEST(CrashLogWriter, FileContentsAndLastLines) {
   };
   const std::string small = file("small", "ab\tc\nd\x01"), empty = file("empty", "");
   const std::string head = "-------------------- FILE CONTENTS OF \"";
-  EXPECT_EQ(contents(small, 100), head + small + "\"\nab c?d?\n" + end);
+  EXPECT_EQ(contents(small, 7), head + small + "\"\nab c?d?\n" + end);  // exactly the limit
   EXPECT_EQ(contents(small, 3), head + small + "\"\nab <truncating output>\n" + end);
   EXPECT_EQ(contents(empty, 10), head + empty + "\"\n" + end);
   EXPECT_EQ(contents("/nonexistent/x", 10), head + "/nonexistent/x\"\n*** ERROR OPENING FILE: " +

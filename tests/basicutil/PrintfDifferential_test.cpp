@@ -401,21 +401,4 @@ TEST_F(Differential, FloatingPoint) {
                     5);
 }
 
-TEST_F(Differential, FloatGrouping) {
-  // Values whose decimal text is exact, so only the commas differ from C.
-  for (int iter = 0; iter < 3000; ++iter) {
-    FormatCase s = randomCase(" +#", "fFgG"[pick(4)]);
-    s.flags += '\'';
-    s.width = -1, s.width_star = false;
-    double x = static_cast<double>(rng() % 100000000000ull) / (1 << pick(6));
-    if (coin(2)) x = -x;
-    std::string plain = run(THEIRS, s, s.format("'"), x);
-    const size_t start = plain.find_first_of("0123456789");
-    const size_t end = plain.find_first_not_of("0123456789", start);
-    if (plain.find_first_of("eE") == std::string::npos)
-      plain.replace(start, end - start, group(plain.substr(start, end - start)));
-    expectSame("digit grouping", run(OURS, s, s.format(), x), plain, s.format());
-  }
-}
-
 }  // namespace
