@@ -28,8 +28,7 @@ Str significant(double x, uint16_t sigfigs, uint16_t precision) {
 TEST(DoubleShortest, PlainTextNeverUsesAnExponent) {
   const std::pair<double, const char *> cases[] = {
       // clang-format off
-      {-0.0, "-0"}, {1500.0, "1500"}, {-0.00125, "-0.00125"}, {1e21, "1000000000000000000000"},
-      {5e-324, nullptr}, {DBL_MAX, nullptr},
+      {-0.0, "-0"}, {1500.0, "1500"}, {-0.00125, "-0.00125"}, {5e-324, nullptr}, {DBL_MAX, nullptr},
       // clang-format on
   };
   for (const auto &[x, text] : cases) {
