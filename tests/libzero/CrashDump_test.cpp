@@ -120,6 +120,7 @@ TEST(CrashDump, FatalSignalsLeaveOneCompleteReport) {
     const std::string log = crash.log();
     expectInOrder(log, {" Cause:\n", c.cause});
     expectInOrder(log, REPORT_BLOCKS);
+    expectInOrder(log, {"\nvictim mode " + mode + "\n"});  // a formatted note
     EXPECT_EQ(lineAfter(log, " Crashing thread: "), c.thread);
     EXPECT_EQ(log.substr(log.size() - 15), "terminating...\n");
     if (mode == "sent" || mode == "thread-stack-overflow") continue;
