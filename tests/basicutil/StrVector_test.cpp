@@ -119,16 +119,10 @@ TEST(StrVectorEdit, SortReverseShuffle) {
   }
 }
 
-TEST(StrVectorText, DebugListAndFootprint) {
+TEST(StrVectorText, DebugAndListForms) {
   EXPECT_EQ(StrVector{}.listString(), "[]");
   EXPECT_EQ((StrVector{"a", "b"}.debugString()), "{[0]='a' [1]='b'}");
   EXPECT_EQ((StrVector{"a", "b c", "", "d\te"}.listString()), "[a 'b c'  'd\te']");
-
-  StrVector v;
-  v.reserve(4);
-  v.push_back("short");
-  v.push_back(Str(100, 'x'));
-  EXPECT_EQ(v.memoryFootprint(), 4 * sizeof(Str) + 22 + v[1].capacity());
 }
 
 TEST(StrSetOps, EqualsJoinAssign) {
