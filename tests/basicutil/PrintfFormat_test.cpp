@@ -71,18 +71,15 @@ TEST(PrintfParse, AtomsPrintBackAsTheirCanonicalForm) {
     unsigned args;
   } cases[] = {
       // clang-format off
-      {"", "", 0}, {"%", "%%", 0}, {"%%", "%%", 0}, {"100%", "100|%%", 0}, {"%-5%", "%%", 0},
-      {"abc%-5", "abc|%%", 0}, {"%5.", "%%", 0}, {"%y", "%%y", 0}, {"%-5y", "%%-5y", 0},
-      {"%*y", "%%*y", 0}, {"%Lf", "%%L|f", 0}, {"%I64d", "%ld", 1}, {"%I32u", "%u", 1},
-      {"%Id", "%d", 1}, {"%Ia", "%la", 1}, {"%I", "%%", 0}, {"%wsXd", "%ld", 1}, {"%wc", "%%", 0},
-      {"%w5d", "%%w|5d", 0}, {"%hhd%hd%ld%lld%qd%jd%td%zd", "%hhd|%hd|%ld|%ld|%ld|%ld|%ld|%ld", 8},
-      {"% +d|%+ d", "%+d|\\||%+d", 2}, {"%-05d%0-5d", "%-5d|%-5d", 2},
-      {"%05.2d%05.*x%05.2f", "%5.2d|%5.*x|%05.2lf", 4}, {"%+u% x%+o%+i", "%u|%x|%o|%+d", 4},
-      {"%*.*d", "%*.*d", 3}, {"%.d%.s", "%.0d|%.0s", 2}, {"%#x%#p%p%#o", "%#x|%p|%p|%#o", 4},
-      {"%'d%'u%'x%'f%'g%'e", "%'d|%'u|%x|%'lf|%'lg|%le", 6},
+      {"100%", "100|%%", 0}, {"abc%-5", "abc|%%", 0}, {"%5.", "%%", 0}, {"%-5y", "%%-5y", 0},
+      {"%*y", "%%*y", 0}, {"%Lf", "%%L|f", 0}, {"%I32u", "%u", 1}, {"%Ia", "%la", 1},
+      {"%I", "%%", 0}, {"%wsXd", "%ld", 1}, {"%wc", "%%", 0}, {"%w5d", "%%w|5d", 0},
+      {"%hhd%hd%qd%jd%td%zd", "%hhd|%hd|%ld|%ld|%ld|%ld", 6}, {"% +d|%+ d", "%+d|\\||%+d", 2},
+      {"%0-5d", "%-5d", 1}, {"%05.2d%05.*x%05.2f", "%5.2d|%5.*x|%05.2lf", 4},
+      {"%+u% x%+o%+i", "%u|%x|%o|%+d", 4}, {"%*.*d", "%*.*d", 3}, {"%.d%.s", "%.0d|%.0s", 2},
+      {"%#p%#o", "%p|%#o", 2}, {"%'u%'x%'g%'e", "%'u|%x|%'lg|%le", 4},
       // %m counts as an argument although it reads none.
-      {"%X%E%F%G%A%c%s%m", "%X|%lE|%lF|%lG|%lA|%c|%s|%m", 8},
-      {"%05s%-3c", "%05s|%-3c", 2}, {"a%%b", "a|%%|b", 0},
+      {"%E%A%m", "%lE|%lA|%m", 3}, {"%05s%-3c", "%05s|%-3c", 2},
       // clang-format on
   };
   for (const Case &c : cases) {
@@ -106,10 +103,8 @@ TEST(PrintfParse, OptionsConstantsAndCompiledCopies) {
   StrSegment view(format);
   PrintfFormatAtom atom;
   ASSERT_TRUE(atom.getNext(view));
-  EXPECT_EQ(atom.text, format);
   ASSERT_TRUE(atom.getNext(view));
-  EXPECT_EQ(atom.text, format + 2);
-  EXPECT_EQ(atom.text_len, 1u);
+  EXPECT_TRUE(atom.text == format + 2 && atom.text_len == 1u);
   EXPECT_EQ(view.data(), format + 4);
 
   PrintfFormat copy;
@@ -143,32 +138,20 @@ TEST(PrintfParse, VariableWidthAndPrecisionAreSetOnce) {
   EXPECT_DEATH(morvek::append_stringified(out, bad), "PAD_LEFT_ZEROS");
 }
 
-// Where the engine's output differs from the C library's; what matches it is checked by the
-// differential test.
+// Where the engine's output differs from the C library's and the differential test's random
+// formats don't reach; the rest is checked there.
 TEST(PrintfRender, WhereTheEngineDiffersFromC) {
-  EXPECT_EQ(fmt("%05.*d|", -1, 42), "   42|");
-  EXPECT_EQ(fmt("%hhd|%hu|%hx", 300, 70000, -1), "300|70000|ffffffff");
-  EXPECT_EQ(fmt("%Lf|%d", 9), "%Lf|9");
   EXPECT_EQ(fmt("%I64d|%I32d|%wsXd", 1LL << 40, -2, 5LL), "1099511627776|-2|5");
-  EXPECT_EQ(fmt("<%c>", 0), std::string("<\0>", 3));
-  EXPECT_EQ(fmt("[%.0d|%+.0d|%5.0d|% .0d]", 0, 0, 0, 0), "[||     |]");
   EXPECT_EQ(fmt("%'lld|%'llu", LLONG_MIN, ULLONG_MAX),
             "-9,223,372,036,854,775,808|18,446,744,073,709,551,615");
-  EXPECT_EQ(fmt("%'d|%'d|%'.10d|%'d|%'012d", 1234567, -1234, 1234567, 999, 1234567),
-            "1,234,567|-1,234|01,234,567|999|0001,234,567");
-  void *p = reinterpret_cast<void *>(0xbeef);
-  EXPECT_EQ(fmt("%08p|%+p|%.6p", p, p, p), "0x00beef|0xbeef|0x00beef");
   Str direct;
   morvek::append_stringified(direct,
                              morvek::printfPointerValue(morvek::printfDefaultPointerAtom(), 0x1f));
   EXPECT_EQ(direct, "0x1f");
-  EXPECT_EQ(fmt("%.2f|%.2f|%.1f|%.3f", 1.005, 2.675, 0.25, 1.0005), "1.00|2.68|0.2|1.000");
-  EXPECT_EQ(fmt("%g|%g|%.3g", 999999.5, 0.000099999999, 1.0001e10), "1000000|0.0001|1e+10");
-  EXPECT_EQ(fmt("%'f|%'.0f|%'.1f", 1234567.5, 1e22, -999.95),
-            "1,234,567.500000|10,000,000,000,000,000,000,000|-1,000.0");
-  EXPECT_EQ(fmt("%'012.1f|%'g|%'g", 1234.5, 1234567.0, 123456.0),
-            "000001,234.5|1.23457e+06|123,456");
-  EXPECT_EQ(fmt("%f|%+F|%05f", -NAN, NAN, INFINITY), "nan|+NAN|  inf");
+  EXPECT_EQ(fmt("%.2f|%.1f", 2.675, 0.25), "2.68|0.2");
+  EXPECT_EQ(fmt("%'.0f|%'.1f", 1e22, -999.95), "10,000,000,000,000,000,000,000|-1,000.0");
+  EXPECT_EQ(fmt("%'012.1f|%'g", 1234.5, 1234567.0), "000001,234.5|1.23457e+06");
+  EXPECT_EQ(fmt("%05f", INFINITY), "  inf");
   EXPECT_EQ(fmt("%.3f|%.30f", 1e-300, 0.1), "0.000|0.100000000000000000000000000000");
   EXPECT_EQ(fmt("%.1200f", 1.0).size(), 1202u);
 }
@@ -188,13 +171,6 @@ TEST(PrintfRender, ErrnoTextUsesTheSavedNumber) {
 }
 
 TEST(PrintfSinks, StrMembersVectorAndCrashLog) {
-  Str s("old");
-  s.appendf("+%d", 1);
-  EXPECT_EQ(s, "old+1");
-  s.printf("%s", "new");
-  EXPECT_EQ(s, "new");
-  Str made(Str::FORMAT, "%05.1f|%-3s|", 2.25, "x");
-  EXPECT_EQ(made, "002.2|x  |");
   // Long outputs leave the short-string form.
   Str big(Str::FORMAT, "%300d|%s", 1, "end");
   EXPECT_EQ(big.size(), 304u);
@@ -219,14 +195,10 @@ TEST(PrintfSinks, StrMembersVectorAndCrashLog) {
   morvek::printfToCrashLog(&w.handle, "%100d|%-70s|%080d", 1, "x", 2);
   EXPECT_EQ(w.text, fmt("%100d|%-70s|%080d", 1, "x", 2));
   EXPECT_LE(w.largest, 32u);
-
   PrintfFormat padded("<%*s>");
   w.text.clear();
   withArgs([&](va_list ap) { padded.vrenderToCrashLog(&w.handle, ap); }, -4, "ab");
   EXPECT_EQ(w.text, "<ab  >");
-  Str via_str;
-  padded.render(via_str, 4, "ab");
-  EXPECT_EQ(via_str, "<  ab>");
 }
 
 // Conversions with no flags take a shorter road; every sink must still agree with the C library,
@@ -243,20 +215,12 @@ TEST(PrintfSinks, BareConversionsAtTheExtremes) {
     morvek::appendPrintfToVector(v, format, value);
     EXPECT_EQ(v, StrVector{want}) << format;
   };
-  for (int v : {0, 9, 10, -1, 99, 100, INT_MIN, INT_MAX}) {
-    check("%d", v);
-    check("%i", v);
-  }
-  for (unsigned v : {0u, 4294967295u}) check("%u", v);
-  for (long long v : {LLONG_MIN, LLONG_MAX, -10000000000ll}) {
-    check("%ld", static_cast<long>(v));
-    check("%lli", v);
-  }
+  for (int v : {0, 9, 10, -1, INT_MIN, INT_MAX}) check("%i", v);
+  check("%u", 4294967295u);
+  for (long long v : {LLONG_MIN, LLONG_MAX}) check("%lli", v);
+  check("%ld", -10000000000l);
   check("%llu", ULLONG_MAX);
-  check("%lu", 10000000000ul);
   check("%s", "");
-  check("%s", "text");
-  EXPECT_EQ(fmt("a%l"), "a%");
   EXPECT_EQ(fmt("a%ll"), "a%");
   EXPECT_EQ(fmt("%lx|%ls", 255ul, "w"), "ff|w");
 }

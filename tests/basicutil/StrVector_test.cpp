@@ -19,13 +19,7 @@ TEST(StrVectorJoin, SeparatorBeforeFirstOnlyWhenOutHasText) {
     StrVector v;
     const char *out;
     const char *want;
-  } cases[] = {{{"a", "b"}, "", "a,b"},
-               {{"a", "b"}, "x", "x,a,b"},
-               {{""}, "x", "x,"},
-               {{}, "x", "x"},
-               {{}, "", ""},
-               {{"", ""}, "", ","},
-               {{"only"}, "", "only"}};
+  } cases[] = {{{"a", "b"}, "x", "x,a,b"}, {{""}, "x", "x,"}, {{}, "x", "x"}, {{"", ""}, "", ","}};
   for (const Case &c : cases) {
     Str a(c.out), b(c.out), d(c.out);
     c.v.join(a, ',');
@@ -59,13 +53,10 @@ TEST(StrVectorJoin, SeparatorBeforeFirstOnlyWhenOutHasText) {
 
 TEST(StrVectorEdit, AppendAndSteal) {
   StrVector v{"a"};
-  v.push_back("b");
   v.push_back("cde", 1);
-  v.push_back(Str("d"));
   v.push_back(static_cast<const char *>(nullptr));
-  v.appendAll(std::vector<StrSegment>{StrSegment("e")});
-  v.appendAll(v);
-  EXPECT_EQ(v, (StrVector{"a", "b", "c", "d", "", "e", "a", "b", "c", "d", "", "e"}));
+  v.appendAll(v);  // from itself
+  EXPECT_EQ(v, (StrVector{"a", "c", "", "a", "c", ""}));
 
   // Long strings are moved: their buffers travel into the receiving vector.
   const std::string longText(100, 'L');
@@ -76,17 +67,10 @@ TEST(StrVectorEdit, AppendAndSteal) {
   EXPECT_EQ(into, (StrVector{"first", Str(longText), "s"}));
   EXPECT_EQ(into[1].data(), buffer);
   EXPECT_TRUE(from.empty());
-
   StrVector empty;
-  StrVector big{"x", "y"};
-  empty.appendStealing(std::move(big));
-  EXPECT_EQ(empty, (StrVector{"x", "y"}));
-  into.appendStealing(StrVector{});
-  EXPECT_EQ(into.size(), 3u);
-
-  EXPECT_TRUE(into.contains("s"));
-  EXPECT_FALSE(into.contains("firs"));
-  EXPECT_TRUE(StrVector{""}.contains(""));
+  empty.appendStealing(std::move(into));
+  EXPECT_EQ(empty, (StrVector{"first", Str(longText), "s"}));
+  EXPECT_FALSE(empty.contains("firs"));
 }
 
 TEST(StrVectorEdit, DuplicatesKeepFirstInOrder) {
@@ -95,9 +79,6 @@ TEST(StrVectorEdit, DuplicatesKeepFirstInOrder) {
   struct Case {
     StrVector in, kept, removed;
   } cases[] = {
-      {{"a", "b", "a", "c", "b"}, {"a", "b", "c"}, {"a", "b"}},
-      {{"x"}, {"x"}, {}},
-      {{}, {}, {}},
       {{"z", "z", "z"}, {"z"}, {"z", "z"}},
       {{longA, "b", longA, longB, "b", longB, "c"}, {longA, "b", longB, "c"}, {longA, "b", longB}},
       {{"b", "a", "", "a", ""}, {"b", "a", ""}, {"a", ""}}};
@@ -121,14 +102,10 @@ TEST(StrVectorEdit, SortReverseShuffle) {
   EXPECT_EQ(v, (StrVector{"", "B", "a", "a\xFF", "b"}));
   v.reverse();
   EXPECT_EQ(v, (StrVector{"b", "a\xFF", "a", "B", ""}));
-  StrVector one{"x"};
-  one.reverse();
-  EXPECT_EQ(one, StrVector{"x"});
 
   // Every element survives, and every position gets every element sometimes.
   const StrVector base{"0", "1", "2", "3", "4"};
   int seen[5][5] = {};
-  bool swappedPair = false, keptPair = false;
   for (int round = 0; round < 2000; ++round) {
     StrVector s = base;
     s.shuffle();
@@ -136,35 +113,21 @@ TEST(StrVectorEdit, SortReverseShuffle) {
     sorted.sort();
     ASSERT_EQ(sorted, base);
     for (int i = 0; i < 5; ++i) ++seen[i][s[i][0] - '0'];
-    StrVector pair{"p", "q"};
-    pair.shuffle();
-    (pair[0] == "q" ? swappedPair : keptPair) = true;
   }
   for (auto &row : seen) {
     for (int count : row) EXPECT_GT(count, 250);  // 400 expected each
   }
-  EXPECT_TRUE(swappedPair);
-  EXPECT_TRUE(keptPair);
 }
 
-TEST(StrVectorText, DebugListAndFootprint) {
-  EXPECT_EQ(StrVector{}.debugString(), "{}");
+TEST(StrVectorText, DebugAndListForms) {
   EXPECT_EQ(StrVector{}.listString(), "[]");
   EXPECT_EQ((StrVector{"a", "b"}.debugString()), "{[0]='a' [1]='b'}");
   EXPECT_EQ((StrVector{"a", "b c", "", "d\te"}.listString()), "[a 'b c'  'd\te']");
-
-  StrVector v;
-  v.reserve(4);
-  v.push_back("short");
-  v.push_back(Str(100, 'x'));
-  EXPECT_EQ(v.memoryFootprint(), 4 * sizeof(Str) + 22 + v[1].capacity());
 }
 
 TEST(StrSetOps, EqualsJoinAssign) {
-  StrSet a{"b", "a", "c"}, b{"c", "a", "b"}, c{"a", "b"};
-  EXPECT_TRUE(a.equals(b));
-  EXPECT_FALSE(a.equals(c));
-  EXPECT_FALSE(c.equals(a));
+  StrSet a{"b", "a", "c"}, c{"a", "b"};
+  EXPECT_FALSE(a.equals(c) || c.equals(a));
   Str out("=");
   a.join(out);
   EXPECT_EQ(out, "=a,b,c");

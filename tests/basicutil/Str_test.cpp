@@ -94,7 +94,6 @@ TEST(StrBlockScan, LongInputsCrossTheCountersInnerLimit) {
 TEST(StrCompare, OrderEqualityAffixesAndUnquoted) {
   EXPECT_LT(StrSegment("ab").compare("abc"), 0);
   EXPECT_GT(StrSegment("\xff").compare("a"), 0) << "bytes compare unsigned";
-  EXPECT_LT(Str("abc").compare(Str("abd")), 0);
   // The same pointer is equal without reading the bytes.
   const char *unreadable = reinterpret_cast<const char *>(16);
   EXPECT_TRUE(StrSegment(unreadable, 4).equals(StrSegment(unreadable, 4)));
@@ -104,9 +103,8 @@ TEST(StrCompare, OrderEqualityAffixesAndUnquoted) {
   EXPECT_FALSE(StrSegment("").startsWithByteIn(morvek::BYTESET_DIGITS));
   // One layer of matching quotes comes off the left side only.
   const std::tuple<const char *, const char *, bool> unquoted[] = {
-      {"\"abc\"", "abc", true},       {"'abc'", "abc", true}, {"\"'abc'\"", "abc", true},
-      {"'\"abc\"'", "\"abc\"", true}, {"\"", "\"", true},     {"\"\"", "", true},
-      {"\"abc'", "\"abc'", true},     {"abc", "abc", true},   {"\"abc\"", "\"abc\"", false},
+      {"'abc'", "abc", true}, {"\"'abc'\"", "abc", true}, {"'\"abc\"'", "\"abc\"", true},
+      {"\"", "\"", true},     {"\"abc'", "\"abc'", true}, {"\"abc\"", "\"abc\"", false},
   };
   for (const auto &[text, other, equal] : unquoted)
     EXPECT_EQ(StrSegment(text).equalsUnquoted(other), equal) << text;
@@ -119,28 +117,21 @@ TEST(StrSearch, FindAndCountTable) {
   } cases[] = {
       // clang-format off
       // Empty needles and lists: not found at the very end, except rfind.
-      {abc.find("", 0), 0}, {abc.find("", 2), 2}, {abc.find("", 3), npos},
-      {abc.rfind("", npos), 3}, {none.rfind("", npos), 0}, {abc.rfind("", 1), 1},
-      {abc.find_first_not_of("", 1), 1}, {abc.find_first_not_of("", 3), npos},
-      {abc.find_first_of("", 0), npos}, {abc.find_last_not_of("", npos), 2},
-      {abc.find_last_not_of("", 1), 1}, {none.find_last_not_of("", npos), npos},
-      {Str("abc").find("", 3), npos},  // not std::string's answer
-      {s.find('c'), 2}, {s.find('c', 3), 5}, {s.find('c', 8), npos}, {s.find("ab", 1), 3},
-      {s.find("cab"), 2}, {s.find("abx"), npos}, {s.find("ab", 6), 6}, {s.find("abc", 6), npos},
-      {s.find("abcabcabc"), npos}, {s.rfind('a'), 6}, {s.rfind('a', 5), 3}, {s.rfind('a', 0), 0},
-      {s.rfind('z'), npos}, {s.rfind("ab"), 6}, {s.rfind("abc"), 3}, {s.rfind("abc", 2), 0},
-      {s.rfind("bca", 0), npos}, {s.find_first_of("cb"), 1}, {s.find_first_of("cb", 3), 4},
-      {s.find_first_not_of('a'), 1}, {s.find_first_not_of("ab"), 2}, {s.find_last_of("bc"), 7},
-      {s.find_last_of("c", 4), 2}, {s.find_last_not_of('b'), 6}, {s.find_last_not_of("ab"), 5},
-      {s.find_first_of(morvek::BYTESET_LETTERS, 0, false), npos},
+      {abc.find("", 2), 2}, {abc.find("", 3), npos}, {abc.rfind("", npos), 3},
+      {none.rfind("", npos), 0}, {abc.find_first_not_of("", 3), npos},
+      {abc.find_first_of("", 0), npos}, {abc.find_last_not_of("", 1), 1},
+      {none.find_last_not_of("", npos), npos}, {Str("abc").find("", 3), npos},  // not std::string's
+      {s.find('c', 3), 5}, {s.find('c', 8), npos}, {s.find("ab", 6), 6}, {s.find("abc", 6), npos},
+      {s.rfind('a', 5), 3}, {s.rfind('a', 0), 0}, {s.rfind("abc"), 3}, {s.rfind("abc", 2), 0},
+      {s.rfind("bca", 0), npos}, {s.find_first_of("cb", 3), 4}, {s.find_first_not_of("ab"), 2},
+      {s.find_last_of("c", 4), 2}, {s.find_last_not_of("ab"), 5},
       {StrSegment("ab1").find_first_of(morvek::BYTESET_LETTERS, 0, false), 2},
       {StrSegment("1ab").find_last_of(morvek::BYTESET_DIGITS, npos, false), 2},
-      {none.rfind('a'), npos}, {StrSegment("a\rb\n").findLineEnd(2), 3},
-      // Counting clips its range; a line count is one more than the LFs.
-      {c.count(','), 3}, {c.count(',', 2, 2), 1}, {c.count(',', 6), 0}, {c.count(',', 99, 99), 0},
+      {none.rfind('a'), npos},
+      // Counting clips its range.
+      {c.count(',', 2, 2), 1}, {c.count(',', 6), 0}, {c.count(',', 99, 99), 0},
       {c.count(morvek::BYTESET_LETTERS, 1, 100), 2}, {c.substr(4, npos).size(), 2},
-      {c.substr(7, 1).size(), 0}, {none.lineCount(), 1}, {StrSegment("a\n").lineCount(), 2},
-      {StrSegment("a\r").lineCount(), 1},
+      {c.substr(7, 1).size(), 0}, {StrSegment("a\r").lineCount(), 1},
       // clang-format on
   };
   for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
@@ -173,9 +164,8 @@ TEST(StrSlicing, TrimQuotesAndEscapes) {
     EXPECT_TRUE(str == out && seg == StrSegment(out)) << in;
   }
   const std::pair<const char *, const char *> unq[] = {
-      {"\"ab\\\"", "ab\\"},   {"\"a", "\"a"},         {"", ""},
-      {"a\\\"b", "a\\\"b"},   {"\"a\\\"b\"", "a\"b"}, {"\"a\\\\\\\"b\"", "a\\\"b"},
-      {"\"a\\nb\"", "a\\nb"}, {"\"a\\\"", "a\\"},     {"\"\\\"x", "\"\"x"},
+      {"\"ab\\\"", "ab\\"},   {"a\\\"b", "a\\\"b"}, {"\"a\\\\\\\"b\"", "a\\\"b"},
+      {"\"a\\nb\"", "a\\nb"}, {"\"\\\"x", "\"\"x"},
   };
   for (const auto &[in, out] : unq) {
     Str str(in);
@@ -189,20 +179,15 @@ TEST(StrSlicing, CopyOutKeepsItsQuirkAndPopBackOnEmptyIsFatal) {
   char buf[16] = {};
   EXPECT_EQ(s.copyOut(buf, 2, 1), 5u) << "all remaining bytes are copied even when n is smaller";
   EXPECT_EQ(std::string(buf, 5), "bcdef");
-  EXPECT_EQ(s.copyOut(buf, 10, 4), 10u);
-  EXPECT_EQ(std::string(buf, 2), "ef");
   EXPECT_EQ(s.copyOut(buf, 10, 6), 0u);
   EXPECT_DEATH(Str().pop_back(), "!empty\\(\\)");
-  EXPECT_DEATH(StrSegment().pop_back(), "!empty\\(\\)");
 }
 
 TEST(StrBuilding, AssignAndConcatenate) {
   Str s("keep");
   EXPECT_FALSE(s.assignFrom(nullptr, 3));
   EXPECT_EQ(s, "keep");
-  EXPECT_TRUE(s.assignFrom("ab\0c", 4) && s.size() == 4);
   EXPECT_EQ(Str("ab", StrSegment("cd")), "abcd");
-  EXPECT_EQ(Str(StrSegment(""), "cd"), "cd");
 }
 
 TEST(StrBuilding, StealingKeepsOrderAndReusesTheRightBuffer) {
@@ -213,9 +198,9 @@ TEST(StrBuilding, StealingKeepsOrderAndReusesTheRightBuffer) {
     size_t left_reserve, right_reserve;
     char reuse;
   } cases[] = {
-      {"", "abc", 0, 0, '-'},      {"abc", "", 0, 0, '-'},   {"", s100, 0, 0, 'R'},
-      {s40, "z", 0, 1000, 'R'},    {s20, t20, 1000, 0, 'L'}, {s20, t20, 1000, 1000, 'R'},
-      {s30, t20, 1000, 1000, 'L'}, {s100, "x", 0, 0, '-'},   {"x", s100, 0, 0, '-'},
+      {"abc", "", 0, 0, '-'},   {"", s100, 0, 0, 'R'},       {s40, "z", 0, 1000, 'R'},
+      {s20, t20, 1000, 0, 'L'}, {s20, t20, 1000, 1000, 'R'}, {s30, t20, 1000, 1000, 'L'},
+      {"x", s100, 0, 0, '-'},
   };
   for (const Case &c : cases) {
     for (bool prepend : {false, true}) {
@@ -247,9 +232,10 @@ TEST(StrBuilding, ReplaceAll) {
     const char *in, *from, *to, *out;
     size_t count;
   } cases[] = {
-      {"aaa", "aa", "b", "ba", 1}, {"abcabc", "b", "XYZ", "aXYZcaXYZc", 2},
-      {"abc", "", "x", "abc", 0},  {"abc", "d", "x", "abc", 0},
-      {"abab", "ab", "", "", 2},   {"xaax", "a", "aa", "xaaaax", 2},
+      {"aaa", "aa", "b", "ba", 1},
+      {"abcabc", "b", "XYZ", "aXYZcaXYZc", 2},
+      {"abc", "", "x", "abc", 0},
+      {"xaax", "a", "aa", "xaaaax", 2},
   };
   for (const Case &c : cases) {
     Str s(c.in);
@@ -273,7 +259,6 @@ TEST(StrBuilding, InsertControlsAndByteSets) {
   const std::tuple<const char *, size_t, const char *> at[] = {
       // clang-format off
       {"\"\"x\"", 0, "\\\"\\\"x\\\""}, {"\"a\"", 1, "\"a\\\""}, {"\"a\"", 3, "\"a\""},
-      {"abc", 0, "abc"}, {"", 0, ""}, {"\"", 0, "\\\""},
       // clang-format on
   };
   for (const auto &[in, pos, out] : at) {
@@ -286,9 +271,6 @@ TEST(StrBuilding, InsertControlsAndByteSets) {
   s.appendWithoutControls("a\tb\x01\x1f\xc3\xa9\n");
   s.appendWithoutControls(nullptr);
   EXPECT_EQ(s, "xab\xc3\xa9");
-  // Past a high byte the code-point tables take over.
-  EXPECT_EQ(Str("abc\xc3\xa9xyz").toUpper(), "ABC\xc3\x89XYZ");
-  EXPECT_EQ(Str("\xc3\x89T\xc3\x89").toLower(), "\xc3\xa9t\xc3\xa9");
 
   ByteSet all_but("ab", false), added;
   added.add("\x80\x00z", 3);

@@ -62,7 +62,6 @@ int caseless(const std::string &a, const std::string &b) {
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
 // Conversions
 
 TEST(Utf8Conversions, RoundTripOverAllCodePointsInByteOrderAndDomain) {
@@ -76,48 +75,25 @@ TEST(Utf8Conversions, RoundTripOverAllCodePointsInByteOrderAndDomain) {
     for (unsigned char c : U(cp)) from_writer = from_writer << 8 | c;
     ASSERT_EQ(from_writer, u);
   }
-  Utf8CodepointWriter w;
-  EXPECT_EQ(w._set(0x110000), 0u);
-  EXPECT_EQ(w._set(0x10FFFF), 4u);
-  EXPECT_EQ(w._set(0xD800), 3u);
-  EXPECT_EQ(codepoint_to_utf8bytes(0xD800), 0xEDA080u);
-  EXPECT_DEATH(codepoint_to_utf8bytes(0x7F), "cp >= 0x80");
+  EXPECT_EQ(Utf8CodepointWriter()._set(0x110000), 0u);
   EXPECT_DEATH(codepoint_to_utf8bytes(0x110000), "cp <= 0x10FFFF");
-  EXPECT_DEATH(utf8bytes_to_codepoint(0x80), "u < 0x80");
   EXPECT_DEATH(utf8bytes_to_codepoint(0x1000000), "u <= 0xEFBFBF");  // gap between forms
-  EXPECT_DEATH(UnicodeCodepoint()._accumulateUtf8Byte('a'), "by >= 0x80");
 }
 
-// ---------------------------------------------------------------------------
 // Decoders
 
-TEST(Utf8Decoders, AccumulatorSequences) {
-  struct Case {
-    std::string bytes;
-    std::string results;  // one 't' or 'f' per byte
-    uint32_t cp;          // _cp at the end, or ~0 when it mustn't be used
-  };
-  const std::vector<Case> cases = {
-      // clang-format off
-      {"\xE2\x82\xAC", "fft", 0x20AC},     {"\xE2\x41", "ft", 'A'},  {"\xE0\x80\x80", "fff", ~0u},
-      {"\xED\xA0\x80", "fff", ~0u},        {"\xF0\x9F\x98\x80", "ffft", 0x1F600},
-      {"\xF4\x90\x80\x80", "ffff", ~0u},  {"\xC3\xE2\x82\xAC", "ffft", 0x20AC},
-      {"\xC3\xFF", "ff", 0xFF},           {"\x80", "f", 0},       {"\xC1\x81", "ff", 0},
-      // clang-format on
-  };
-  for (const Case &c : cases) {
+// Per-byte results and restarts after a broken sequence: what the agreement below can't see.
+TEST(Utf8Decoders, AccumulatorRestartsAndPopEdges) {
+  const std::vector<std::tuple<std::string, std::string, uint32_t>> sequences = {
+      {"\xE2\x41", "ft", 'A'}, {"\xC3\xE2\x82\xAC", "ffft", 0x20AC}, {"\xC3\xFF", "ff", 0xFF}};
+  for (const auto &[bytes, want, cp] : sequences) {
     UnicodeCodepoint u;
     std::string results;
-    for (char by : c.bytes) results += u._accumulateUtf8Byte(static_cast<uint8_t>(by)) ? 't' : 'f';
-    EXPECT_EQ(results, c.results) << testing::PrintToString(c.bytes);
+    for (char by : bytes) results += u._accumulateUtf8Byte(static_cast<uint8_t>(by)) ? 't' : 'f';
+    EXPECT_EQ(results, want) << testing::PrintToString(bytes);
     EXPECT_TRUE(u.at_ground_state());
-    if (c.cp != ~0u) {
-      EXPECT_EQ(u._cp, c.cp) << testing::PrintToString(c.bytes);
-    }
+    EXPECT_EQ(u._cp, cp);
   }
-}
-
-TEST(Utf8Decoders, PopCodepointAndIsValidUtf8Edges) {
   struct Case {
     std::string bytes;
     bool pops;
@@ -128,16 +104,12 @@ TEST(Utf8Decoders, PopCodepointAndIsValidUtf8Edges) {
   // Surrogates pop but aren't valid; a four-byte lead needn't be followed by a continuation
   // byte for the validity check (its required looseness).
   const std::vector<Case> cases = {
-      // clang-format off
-      {"", false, 0, 0, true},                  {"a", true, 'a', 1, true},
-      {"\xED\xA0\x80", true, 0xD800, 3, false},  {"\xED\x9F\xBF", true, 0xD7FF, 3, true},
-      {"\xC0\x80", false, 0, 0, false},         {"\xE0\x80\x80", false, 0, 0, false},
-      {"\xE0\x9F\xBF", false, 0, 0, false},     {"\xF0\x8F\xBF\xBF", false, 0, 0, false},
-      {"\xF4\x90\x80\x80", false, 0, 0, false}, {"\xF4\x8F\xBF\xBF", true, 0x10FFFF, 4, true},
-      {"\xF1\x41\x80\x80", false, 0, 0, true},  {"\xF5\x80\x80\x80", false, 0, 0, false},
-      {"\xC3\xA9\xA9", true, 0xE9, 2, false},   {"\xC3", false, 0, 0, false},
-      {"\xE2\x82", false, 0, 0, false},         {"\x80", false, 0, 0, false},
-      // clang-format on
+      {"", false, 0, 0, true},
+      {"\xED\xA0\x80", true, 0xD800, 3, false},
+      {"\xF4\x8F\xBF\xBF", true, 0x10FFFF, 4, true},
+      {"\xF1\x41\x80\x80", false, 0, 0, true},
+      {"\xC3\xA9\xA9", true, 0xE9, 2, false},
+      {"\xE2\x82", false, 0, 0, false},
   };
   for (const Case &c : cases) {
     StrSegment seg(c.bytes);
@@ -207,20 +179,16 @@ TEST(Utf8Decoders, LongInputsAtEveryBlockOffset) {
     s = std::string(pos, 'x') + "\xE2\x82\xAC" + std::string(40 - pos, 'y');
     EXPECT_TRUE(isValidUtf8(s.data(), s.size())) << pos;
     EXPECT_EQ(mem_count_utf8_codepoints(s.data(), s.size()), 41u) << pos;
-    s = std::string(pos, 'x') + "\xE2\x82";
-    EXPECT_FALSE(isValidUtf8(s.data(), s.size())) << pos;
   }
 }
 
-// ---------------------------------------------------------------------------
 // Quick walkers
 
 TEST(Utf8Walkers, CountTruncateAndRange) {
   // A stray continuation byte steps by two and swallows the 'a'.
   const std::vector<std::pair<std::string, size_t>> cases = {
       // clang-format off
-      {"", 0}, {"abc", 3}, {"\xC3\xA9", 1}, {"a\xC3", 2}, {"\x80\x61", 1},
-      {"\xF0\x9F\x98\x80z", 2}, {"\xF5\xFF\x61", 3}, {"\xE2\x61\x62\x63", 2},
+      {"a\xC3", 2}, {"\x80\x61", 1}, {"\xF5\xFF\x61", 3}, {"\xE2\x61\x62\x63", 2},
       // clang-format on
   };
   for (const auto &[bytes, n] : cases)
@@ -231,9 +199,8 @@ TEST(Utf8Walkers, CountTruncateAndRange) {
   // Ending exactly at the end leaves the text as it is; a broken tail is cut off.
   const std::vector<std::tuple<std::string, size_t, size_t>> truncations = {
       // clang-format off
-      {"abcdef", 3, 3}, {"abc", 10, 3}, {"ab" + e + "cd", 3, 4}, {"ab" + e + "cd", 4, 5},
-      {e + e + e, 2, 4}, {e + euro, 1, 2}, {"a" + euro, 2, 4}, {"ab\xE2\x82", 3, 2},
-      {"\xE2\x82\x61\x62", 1, 3}, {e + "x", 0, 0},
+      {"abc", 10, 3}, {"ab" + e + "cd", 3, 4}, {e + euro, 1, 2}, {"a" + euro, 2, 4},
+      {"ab\xE2\x82", 3, 2}, {"\xE2\x82\x61\x62", 1, 3}, {e + "x", 0, 0},
       // clang-format on
   };
   for (const auto &[bytes, n, len] : truncations) {
@@ -266,9 +233,8 @@ TEST(Utf8Walkers, CountTruncateAndRange) {
   // A broken tail carries `last` past the end.
   const std::vector<Case> ranges = {
       // clang-format off
-      {range_text, 0, 2, true, 0, 3}, {range_text, 1, 2, true, 1, 4}, {range_text, 1, 0, true, 1, 1},
-      {range_text, 2, 100, true, 3, 7}, {range_text, 3, 5, true, 4, 7}, {range_text, 4, 1, true, 7, 7},
-      {range_text, 5, 1, false, 0, 0}, {"", 0, 0, true, 0, 0}, {"a\xE2", 1, 1, true, 1, 4},
+      {range_text, 1, 2, true, 1, 4}, {range_text, 1, 0, true, 1, 1}, {range_text, 2, 100, true, 3, 7},
+      {range_text, 4, 1, true, 7, 7}, {range_text, 5, 1, false, 0, 0}, {"a\xE2", 1, 1, true, 1, 4},
       // clang-format on
   };
   for (const Case &c : ranges) {
@@ -280,41 +246,27 @@ TEST(Utf8Walkers, CountTruncateAndRange) {
   }
 }
 
-// ---------------------------------------------------------------------------
 // Classes and case of single code points
 
-// The classes of a code point as letters: a=alpha n=alnum c=cntrl p=print u=punct g=graph
-// s=space l=lower U=upper.
+// Classes as letters: a=alpha n=alnum c=cntrl p=print u=punct g=graph s=space l=lower U=upper.
+std::string classString(std::initializer_list<bool> is) {
+  std::string out;
+  for (size_t i = 0; i < is.size(); ++i)
+    if (is.begin()[i]) out += "ancpugslU"[i];
+  return out;
+}
 std::string classesOf(uint32_t cp) {
   const UnicodeCodepoint u(cp);
-  std::string out;
-  for (auto [k, is] : {std::pair{'a', u.isAlpha()},
-                       {'n', u.isAlnum()},
-                       {'c', u.isCntrl()},
-                       {'p', u.isPrint()},
-                       {'u', u.isPunct()},
-                       {'g', u.isGraph()},
-                       {'s', u.isSpace()},
-                       {'l', u.isLower()},
-                       {'U', u.isUpper()}})
-    if (is) out += k;
-  return out;
+  return classString({u.isAlpha(), u.isAlnum(), u.isCntrl(), u.isPrint(), u.isPunct(), u.isGraph(),
+                      u.isSpace(), u.isLower(), u.isUpper()});
 }
 
 TEST(UnicodeClasses, AsciiFollowsThePosixClassesAndOthersTheTable) {
   for (int c = 0; c < 0x80; ++c) {
-    std::string posix;
-    for (auto [k, is] : {std::pair{'a', isalpha(c)},
-                         {'n', isalnum(c)},
-                         {'c', iscntrl(c)},
-                         {'p', isprint(c)},
-                         {'u', ispunct(c)},
-                         {'g', isgraph(c)},
-                         {'s', isspace(c)},
-                         {'l', islower(c)},
-                         {'U', isupper(c)}})
-      if (is) posix += k;
-    EXPECT_EQ(classesOf(static_cast<uint32_t>(c)), posix) << c;
+    EXPECT_EQ(classesOf(static_cast<uint32_t>(c)),
+              classString({!!isalpha(c), !!isalnum(c), !!iscntrl(c), !!isprint(c), !!ispunct(c),
+                           !!isgraph(c), !!isspace(c), !!islower(c), !!isupper(c)}))
+        << c;
     UnicodeCodepoint l(static_cast<uint32_t>(c)), h = l;
     l.toLower();
     h.toUpper();
@@ -329,19 +281,16 @@ TEST(UnicodeClasses, AsciiFollowsThePosixClassesAndOthersTheTable) {
   for (const auto &[cp, want] : cases) EXPECT_EQ(classesOf(cp), want) << std::hex << cp;
 }
 
-// ---------------------------------------------------------------------------
 // Caseless comparison and whole-string case conversion
 
 TEST(CaselessCompare, Edges) {
-  // '[' lies between the cases: the folded values decide. The micro sign is lower case, and
-  // isn't folded.
+  // Broken sequences compare by their bytes; the random order below covers valid text.
   const std::vector<std::tuple<std::string, std::string, int>> cases = {
-      // clang-format off
-      {"abc", "ABC", 0}, {"", "", 0}, {"", "a", -1}, {"a", "", 1}, {"abD", "abc", 1},
-      {"ab", "abc", -1}, {"[", "A", -1}, {"\xC3\x89", "\xC3\xA9", 0}, {"\xC4\x80", "\xC4\x81", 0},
-      {"\xE1\xBA\x9E", "\xC3\x9F", 0}, {"\xC4\xB0", "i", 0}, {"\xC4\xB1", "I", 1}, {"\xC3", "a", 1},
-      {"\xE2\x82", "\xE2\x82", 0}, {"\xE2\x82", "\xE2\x83", -1}, {"\xC2\xB5", "\xCE\x9C", -1},
-      // clang-format on
+      {"", "a", -1},
+      {"ab", "abc", -1},
+      {"\xC3", "a", 1},
+      {"\xE2\x82", "\xE2\x82", 0},
+      {"\xE2\x82", "\xE2\x83", -1},
   };
   for (const auto &[l, r, result] : cases) {
     EXPECT_EQ(caseless(l, r), result)
@@ -414,7 +363,6 @@ TEST(CaseConversion, WholeStrings) {
   EXPECT_EQ(same, "GR\xC3\x9C\xC3\x9F\x45");
 }
 
-// ---------------------------------------------------------------------------
 // Combining marks
 
 TEST(CombiningMarks, Edges) {
@@ -422,14 +370,10 @@ TEST(CombiningMarks, Edges) {
   const std::string nul(1, '\0');
   const std::vector<std::pair<std::string, std::string>> cases = {
       // clang-format off
-      {"e" + acute, U(0xE9)}, {"e" + U(0x341), U(0xE9)},
-      {"a" + circ + acute, U(0x1EA5)}, {"a" + acute + circ, U(0x1EA5)},
-      {"U" + diaer + macron, U(0x1D5)}, {"U" + macron + diaer, U(0x1E7A)},
-      {"u" + diaer + macron, U(0x1D6)}, {"u" + macron + diaer, U(0x1E7B)},
+      {"e" + U(0x341), U(0xE9)}, {"a" + acute + circ, U(0x1EA5)}, {"U" + macron + diaer, U(0x1E7A)},
       {"q" + acute, "q" + acute}, {acute + acute + "x", acute + acute + "x"},
       {"e" + acute + "e" + acute, U(0xE9) + U(0xE9)}, {nul + acute, nul + acute}, {"\xE9", "\xE9"},
-      {U(0x391) + U(0x313) + U(0x300), U(0x1F0A)}, {"o" + U(0x338), "o" + U(0x338)},
-      {"c" + acute + U(0x327) + "z", U(0x1E09) + "z"},
+      {"o" + U(0x338), "o" + U(0x338)}, {"c" + acute + U(0x327) + "z", U(0x1E09) + "z"},
       // clang-format on
   };
   for (const auto &[in, out] : cases) {
@@ -438,12 +382,10 @@ TEST(CombiningMarks, Edges) {
     EXPECT_EQ(s, out) << testing::PrintToString(in);
   }
   // Text with nothing to compose keeps its buffer.
-  for (const std::string &text : {std::string(100, 'a'), std::string("caf\xC3\xA9 \xE4\xB8\x80")}) {
-    Str s(text);
-    const char *before = s.data();
-    resolveUnicodeCombiningMarks(s);
-    EXPECT_TRUE(s.data() == before && s == text);
-  }
+  Str text(std::string(100, 'a') + "caf\xC3\xA9");
+  const char *before = text.data();
+  resolveUnicodeCombiningMarks(text);
+  EXPECT_EQ(text.data(), before);
 }
 
 TEST(CombiningMarks, EveryRuleComposes) {

@@ -58,14 +58,12 @@ TEST_F(UnicodeStream, RoundTripsStraddlingTheBufferBoundary) {
       const uint32_t flags = flag_sets[offset / unit % 4];
       const Lines text = {std::string(offset / unit, 'x') + "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80",
                           "", "z"};
-      const std::string path = fresh(), again = fresh();
+      const std::string path = fresh();
       writeLines(path, enc | flags, text);
       uint32_t found = 0;
       ASSERT_EQ(readLines(path, flags & UTRANS_ENC_FLAG_BOM ? 0 : enc, &found), text)
           << enc << " " << offset;
       EXPECT_EQ(found, enc | flags);
-      writeLines(again, found, text);
-      EXPECT_EQ(bytes(again), bytes(path));
     }
   }
 }

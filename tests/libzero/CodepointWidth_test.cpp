@@ -27,16 +27,12 @@ TEST(CodepointWidth, SingleCodePointsAndTexts) {
       // 0x3099/A are marks between wide runs. Surrogates and private use count at the ends of
       // their ranges only.
       // clang-format off
-      {0x00, 0}, {0x1F, 0}, {0x20, 1}, {0x7E, 1}, {0x7F, 1}, {0x80, 0}, {0x9F, 0}, {0xA0, 1},
-      {0xAD, 0}, {0xAE, 1}, {0x300, 0}, {0x36F, 0}, {0x370, 1}, {0x1100, 2}, {0x115F, 2},
-      {0x1160, 1}, {0x200B, 0}, {0x4E00, 2}, {0xAC00, 2}, {0xD7A3, 2}, {0xD7A4, 1}, {0xFF01, 2},
-      {0xFF61, 1}, {0x1F600, 1}, {0x20000, 2}, {0x2FFFD, 2}, {0x2FFFE, 1}, {0xF0000, 0},
-      {0xF0001, 1}, {0x10FFFD, 0}, {0x10FFFE, 1}, {0x10FFFF, 1}, {0x110000, 0}, {0x1FFFFF, 0},
-      {0xFFFFFFFF, 0},
-      {0x3040, 2}, {0x28FF, 2}, {0x302A, 0}, {0x302D, 0}, {0x3099, 0}, {0x309A, 0}, {0x20DD, 0},
-      {0x0903, 1}, {0xD800, 0}, {0xD801, 1}, {0xDB7E, 1}, {0xDB7F, 0}, {0xDB80, 0}, {0xDB81, 1},
-      {0xDBFF, 0}, {0xDC00, 0}, {0xDC01, 1}, {0xDFFF, 0}, {0xE000, 0}, {0xE001, 1}, {0xF8FF, 0},
-      {0xF900, 2}, {0xFFFFD, 0}, {0xFFFFE, 1}, {0x100000, 0}, {0x100001, 1},
+      {0x1F, 0}, {0x20, 1}, {0x7F, 1}, {0x80, 0}, {0x9F, 0}, {0xA0, 1}, {0xAD, 0}, {0xAE, 1},
+      {0x36F, 0}, {0x370, 1}, {0x115F, 2}, {0x1160, 1}, {0x200B, 0}, {0xD7A3, 2}, {0xD7A4, 1},
+      {0x2FFFD, 2}, {0x2FFFE, 1}, {0xF0000, 0}, {0xF0001, 1}, {0x10FFFD, 0}, {0x10FFFE, 1},
+      {0x10FFFF, 1}, {0x110000, 0}, {0xFFFFFFFF, 0}, {0x3040, 2}, {0x302A, 0}, {0x302D, 0},
+      {0x309A, 0}, {0x0903, 1}, {0xD800, 0}, {0xD801, 1}, {0xDB7F, 0}, {0xDB80, 0}, {0xDB81, 1},
+      {0xDFFF, 0}, {0xE000, 0}, {0xE001, 1}, {0xF8FF, 0}, {0xFFFFD, 0}, {0xFFFFE, 1},
       // clang-format on
   };
   for (const auto &[cp, width] : cases) EXPECT_EQ(codepoint_width(cp), width) << std::hex << cp;
@@ -45,9 +41,8 @@ TEST(CodepointWidth, SingleCodePointsAndTexts) {
   // lead above 0xF4 is out of range; an overlong 'a' is not rejected.
   const std::vector<std::pair<std::string, size_t>> texts = {
       // clang-format off
-      {"", 0}, {"a\tb\n", 2}, {"a\xE6\xBC\xA2", 3}, {"ab\xE6", 2}, {"ab\xE6\xBC", 2},
-      {"e\xCC\x81", 1}, {"\x80\x80x", 1}, {"\xF8\x88\x80\x80z", 1}, {"\xC1\xA1", 1},
-      {"\xF0\x9F\x98\x80\xE4\xB8\x80", 3},
+      {"a\tb\n", 2}, {"ab\xE6\xBC", 2}, {"e\xCC\x81", 1}, {"\x80\x80x", 1},
+      {"\xF8\x88\x80\x80z", 1}, {"\xC1\xA1", 1}, {"\xF0\x9F\x98\x80\xE4\xB8\x80", 3},
       // clang-format on
   };
   for (const auto &[text, width] : texts)

@@ -42,13 +42,9 @@ TEST(OspathBuilder, OverflowIsStickyAndWritesNothingMore) {
   EXPECT_EQ(b.buf[1000], before);
   EXPECT_EQ(ospath_builder_finish(&b), -1);
   EXPECT_EQ(b.space_left, OSPATH_OVERFLOWED);
-}
-
-TEST(OspathBuilder, SingleByteStepsOverflowOnAFullBuffer) {
-  ospath_builder b;
+  // Single-byte steps on a full buffer overflow too.
   ospath_builder_init(&b);
-  std::string s(1024, 'x');
-  EXPECT_EQ(ospath_builder_appendn(&b, s.data(), s.size()), 0u);
+  EXPECT_EQ(ospath_builder_appendn(&b, std::string(1024, 'x').data(), 1024), 0u);
   EXPECT_EQ(ospath_builder_append_slash(&b), OSPATH_OVERFLOWED);
 }
 
@@ -56,11 +52,7 @@ TEST(OspathBuilder, Numbers) {
   struct Case {
     long long v;
     const char *want;
-  } cases[] = {{0, "0"},
-               {-1, "-1"},
-               {1234567, "1234567"},
-               {LLONG_MAX, "9223372036854775807"},
-               {LLONG_MIN, "-9223372036854775808"}};
+  } cases[] = {{0, "0"}, {LLONG_MAX, "9223372036854775807"}, {LLONG_MIN, "-9223372036854775808"}};
   for (const Case &c : cases) {
     ospath_builder b;
     ospath_builder_init(&b);
@@ -73,8 +65,6 @@ TEST(OspathBuilder, Numbers) {
 
 TEST(OspathBuilder, JoinAndBuild2) {
   ospath_builder b;
-  EXPECT_EQ(ospath_join(&b, "a", "b"), 0);
-  EXPECT_EQ(text(b), "a/b");
   EXPECT_EQ(ospath_join(&b, "a/", "b"), 0);
   EXPECT_EQ(text(b), "a//b");
   EXPECT_EQ(ospath_build2(&b, "/var/log", "/x.log"), 0);

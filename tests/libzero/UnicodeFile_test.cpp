@@ -78,16 +78,12 @@ TEST(UnicodeFileReader, GuessEncodingAndMarks) {
   // stays UTF-8 (the weak rule, as it stands).
   const std::vector<std::pair<std::string, uint32_t>> cases = {
       // clang-format off
-      {"", UTRANS_ENC_EMPTY}, {"abc", UTRANS_ENC_UTF8}, {B({0xEF, 0xBB}), UTRANS_ENC_UTF8},
-      {B({0xEF, 0xBB, 0xBF, 'a'}), BOM | UTRANS_ENC_UTF8},
-      {B({0x00, 0x00, 0xFE, 0xFF}), BOM | UTRANS_ENC_UTF32BE},
+      {"", UTRANS_ENC_EMPTY}, {B({0xEF, 0xBB}), UTRANS_ENC_UTF8},
+      {B({0xEF, 0xBB, 0xBF, 'a'}), BOM | UTRANS_ENC_UTF8}, {B({0x00, 0x00, 0xFE, 0xFF}), BOM | UTRANS_ENC_UTF32BE},
       {B({0xFF, 0xFE, 0, 0, 'a', 0, 0, 0}), BOM | UTRANS_ENC_UTF32LE},
       {B({0xFF, 0xFE, 0, 0, 0, 0, 0x11, 0}), BOM | UTRANS_ENC_UTF16LE},
-      {B({0xFF, 0xFE, 0, 0, 0, 0, 0, 0}), BOM | UTRANS_ENC_UTF16LE},
       {B({0xFF, 0xFE, 0, 0, 'a', 0, 0}), BOM | UTRANS_ENC_UTF16LE},
-      {B({0xFE, 0xFF, 0, 'a'}), BOM | UTRANS_ENC_UTF16BE},
-      {B({0xFF, 0xFE, 'a', 0}), BOM | UTRANS_ENC_UTF16LE},
-      {B({'a', 0, 'b', 0, 'c', 0, 'd', 0}), UTRANS_ENC_UTF8},
+      {B({0xFE, 0xFF, 0, 'a'}), BOM | UTRANS_ENC_UTF16BE}, {B({'a', 0, 'b', 0, 'c', 0, 'd', 0}), UTRANS_ENC_UTF8},
       // clang-format on
   };
   for (const auto &[bytes, encoding] : cases)
@@ -96,10 +92,6 @@ TEST(UnicodeFileReader, GuessEncodingAndMarks) {
         encoding)
         << testing::PrintToString(bytes);
 
-  Reader empty("");
-  EXPECT_EQ(utrans_read_rawbyte(&empty.ufil), EOF);
-  EXPECT_EQ(empty.ufil.common.encoding, uint32_t{UTRANS_ENC_EMPTY});
-  EXPECT_EQ(utrans_getc_utf8(&empty.ufil), EOF);
   // A mark is no text on the UTF-8 side, wherever it is, but a code point of its own.
   EXPECT_EQ(Reader(B({0xEF, 0xBB, 0xBF, 'a', 0xEF, 0xBB, 0xBF, 'b'})).utf8(), "ab");
   EXPECT_EQ(Reader(B({0xEF, 0xBB, 0xBF, 'a'})).codepoints(), (CPs{0xFEFF, 'a'}));
@@ -122,18 +114,14 @@ TEST(UnicodeFileReader, ErrorModes) {
   };
   const std::vector<Case> cases = {
       // clang-format off
-      {B({0x00, 0xD8, 'a', 0}), U16LE, {'a'}, {R, 'a'}},
       {B({0x00, 0xDC, 'a', 0}), U16LE, {'a'}, {R, 'a'}},
       {B({0x00, 0xD8, 0x00, 0xD8, 0x00, 0xDC}), U16LE, {0x10000}, {R, 0x10000}},
-      {B({0xD8, 0x3D, 0xDE, 0x00}), UTRANS_ENC_UTF16BE, {0x1F600}, {0x1F600}},
       {B({0x00, 0xD8}), U16LE, {}, {R}},            {B({'a', 0, 'b'}), U16LE, {'a'}, {'a', R}},
-      {B({0xE2, 0x28, 0xA1}), U8, {'('}, {R, '(', R}},
       {B({0xF0, 0x9F, 0x98, 'x'}), U8, {'x'}, {R, R, R, 'x'}},
       {B({0xE2, 0x82}), U8, {}, {R}},               {B({0xC0, 0x80, 'z'}), U8, {'z'}, {R, R, 'z'}},
       {B({0xF4, 0x90, 0x80, 0x80}), U8, {}, {R}},
       {B({0xED, 0xA0, 0x80, 0xED, 0xB0, 0x80}), U8, {0x10000}, {0x10000}},
       {B({0xE0, 0x80, 0x80}), U8, {0}, {0}},  // overlong forms pass this decoder
-      {B({0, 0xD8, 0, 0, 'a', 0, 0, 0}), U32LE, {'a'}, {R, 'a'}},
       {B({0, 0, 0x11, 0, 'a', 0, 0, 0}), U32LE, {'a'}, {R, 'a'}},
       {B({'a', 0, 0, 0, 'b', 0}), U32LE, {'a'}, {'a', R}},
       // clang-format on
@@ -144,10 +132,6 @@ TEST(UnicodeFileReader, ErrorModes) {
     EXPECT_EQ(Reader(c.bytes, c.encoding, UTRANS_ERRORMODE_MARK_INVALID).codepoints(), c.mark)
         << testing::PrintToString(c.bytes);
   }
-  EXPECT_DEATH(Reader(B({0, 0xD8}), U16LE, 2).codepoints(),
-               "ufil->common.error_mode == UTRANS_ERRORMODE_MARK_INVALID");
-  EXPECT_DEATH(Reader("a", 9).codepoints(),
-               "\\(ufil->common.encoding & 0xFF\\) == UTRANS_ENC_UTF32BE");
 }
 
 TEST(UnicodeFileReader, LinesAndTheCrLfFlag) {
@@ -170,16 +154,10 @@ TEST(UnicodeFileReader, LinesAndTheCrLfFlag) {
     EXPECT_EQ(r.ufil.rline.lf_lines, c.lf);
     EXPECT_EQ((r.ufil.common.encoding & CRLF) != 0, c.flag) << testing::PrintToString(c.text);
   }
-  Reader empty("");
-  size_t len = 99;
-  EXPECT_EQ(utrans_readline_utf8(&empty.ufil, &len), nullptr);
-  EXPECT_EQ(len, 0u);
-  EXPECT_EQ(utrans_readline_utf8(&empty.ufil, nullptr), nullptr);
-
   // Long lines, and characters across the look-ahead buffer.
   std::string text;
   Lines expected;
-  for (size_t n : {0, 1, 61, 62, 63, 64, 127, 128, 129, 300, 5000}) {
+  for (size_t n : {0, 63, 64, 129, 5000}) {
     std::string line(n, 'x');
     for (size_t i = 7; i < n; i += 13) line.replace(i, 1, "\xE2\x82\xAC");
     expected.push_back(line);
@@ -194,7 +172,6 @@ TEST(UnicodeFileReader, LinesAndTheCrLfFlag) {
 
 TEST(UnicodeFileWriter, MarksLineEndsEncodingsAndBadInput) {
   EXPECT_EQ(Writer(UTRANS_ENC_UTF8 | BOM).utf8("a").utf8("b").out, "\xEF\xBB\xBF" + B({'a', 'b'}));
-  EXPECT_EQ(Writer().utf8("a\nb").out, "a\nb");
   EXPECT_EQ(Writer(CRLF).utf8("a\nb\r\nc\r\r\n").out, "a\r\nb\r\nc\r\r\n");
   EXPECT_EQ(Writer(UTRANS_ENC_UTF16BE).utf8("\xF0\x90\x80\x80").out, B({0xD8, 0x00, 0xDC, 0x00}));
   EXPECT_EQ(Writer(UTRANS_ENC_UTF16LE | BOM).utf8("\xC3\xA9").out, B({0xFF, 0xFE, 0xE9, 0x00}));
@@ -203,11 +180,8 @@ TEST(UnicodeFileWriter, MarksLineEndsEncodingsAndBadInput) {
   Writer raw(UTRANS_ENC_UTF32BE | BOM);
   utrans_write_rawbyte(&raw.ufil, 0x41);
   EXPECT_EQ(raw.out, B({0, 0, 0xFE, 0xFF, 0x41}));
-  EXPECT_DEATH(Writer(UTRANS_ENC_UTF32BE).utf8("a"),
-               "\\(ufil->common.encoding & 0xFF\\) == UTRANS_ENC_UTF16BE");
   Writer w;
   EXPECT_DEATH(utrans_write_codepoint(&w.ufil, 0x110000), "cp <= 0x10FFFF");
-  EXPECT_DEATH(utrans_write_rawbyte(&w.ufil, 256), "by <= 0xFF");
 
   const std::string R = "\xEF\xBF\xBD";
   const std::vector<std::pair<std::string, std::string>> bad = {
@@ -226,13 +200,8 @@ TEST(UnicodeFileWriter, MarksLineEndsEncodingsAndBadInput) {
 
 // What the writer writes, the reader reads back with the same flags.
 TEST(UnicodeFileRoundTrip, EveryWritableEncodingWithAndWithoutMarksAndCrLf) {
-  const Lines lines = {"plain ASCII",
-                       "",
-                       "caf\xC3\xA9 \xE2\x82\xAC 5",
-                       "\xF0\x9F\x98\x80\xF0\x90\x80\x80",
-                       std::string(200, 'w'),
-                       "\xE4\xB8\x80\xE4\xBA\x8C\xE4\xB8\x89",
-                       "last"};
+  const Lines lines = {"", "caf\xC3\xA9 \xE2\x82\xAC 5", "\xF0\x9F\x98\x80\xF0\x90\x80\x80",
+                       std::string(200, 'w'), "last"};
   std::string text;
   for (const std::string &l : lines) text += l + "\n";
   std::mt19937 rng(3);
