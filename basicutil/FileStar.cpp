@@ -109,7 +109,7 @@ bool FileStar::readline(Str &storeTo) {
   }
   if (storeTo.empty()) return false;
   if (ftello(_fp) < 0) {
-    // Read byte by byte, the end counts as a line end.
+    // Unseekable: the end counts as a line end.
     if (storeTo.back() == '\r') storeTo.pop_back();
     return true;
   }
