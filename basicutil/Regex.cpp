@@ -487,9 +487,10 @@ bool sameText(const HashedStr &key, const char *text, size_t size) {
   return key.size() == size && (size == 0 || memcmp(key.data(), text, size) == 0);
 }
 
-// The last pattern this thread built, looked at before the shared maps, so that a thread which
-// builds the same Regex again and again takes neither the hash nor the mutex. It holds the key
-// text and a weak reference, never a handle, so it changes nothing in the cache's rules:
+// The pattern this thread last built twice in a row, looked at before the shared maps, so that
+// a thread which builds the same Regex again and again takes neither the hash nor the mutex;
+// taking a pattern in costs reference counts, which patterns built in turn don't repay. It holds
+// the key text and a weak reference, never a handle, so it changes nothing in the cache's rules:
 // - it keeps no pattern live: the last handle's end still retires the pattern into young, and
 //   rotations age and drop it as before, whatever fronts name it;
 // - it answers only while its weak reference locks, that is while some handle exists; then the
@@ -500,6 +501,8 @@ bool sameText(const HashedStr &key, const char *text, size_t size) {
 struct ThreadFront {
   HashedStr key;
   std::weak_ptr<const Regex::Impl> weak;
+  // The hash of the last pattern that the shared maps gave.
+  uint64_t last_hash = 0;
   // Written by its thread alone, without a locked instruction; the statistics take what was
   // added since they last looked, under the cache's mutex.
   std::atomic<uint32_t> hits{0};
@@ -509,8 +512,11 @@ struct ThreadFront {
   ThreadFront **prevp = nullptr;
   ~ThreadFront();
 };
-// Trivially destructible, so it can be read after the front has gone at thread exit.
+// Both trivially destructible, so they can be read after the front has gone at thread exit;
+// the pointer spares the hot path the guard of the front's own initialisation.
 thread_local constinit bool thread_front_gone = false;
+thread_local constinit ThreadFront *thread_front_ptr __attribute__((tls_model("initial-exec"))) =
+    nullptr;
 thread_local ThreadFront thread_front;
 
 // Keys are the patterns' own texts: a live entry's Impl outlives the entry, since its Deleter
@@ -630,27 +636,75 @@ struct GlobalRegexCacheSingletonConstructor {
 
 ThreadFront::~ThreadFront() {
   thread_front_gone = true;
+  thread_front_ptr = nullptr;
   if (prevp == nullptr) return;
   GlobalRegexCache &cache = GlobalRegexCache::instance();
   GlobalRegexCache::Lock lock(cache);
   cache.unlistFrontLocked(*this);
 }
 
-std::shared_ptr<const Regex::Impl> frontLookup(const char *text, size_t size) {
+// Null once the thread's front has gone at its exit.
+ThreadFront *threadFront() {
+  if (ThreadFront *front = thread_front_ptr) return front;
   if (thread_front_gone) return nullptr;
-  ThreadFront &front = thread_front;
-  if (!sameText(front.key, text, size)) return nullptr;
-  std::shared_ptr<const Regex::Impl> handle = front.weak.lock();
-  if (handle)
-    front.hits.store(front.hits.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  return thread_front_ptr = &thread_front;
+}
+
+std::shared_ptr<const Regex::Impl> frontLookup(ThreadFront *front, const char *text, size_t size) {
+  if (front == nullptr || !sameText(front->key, text, size)) return nullptr;
+  std::shared_ptr<const Regex::Impl> handle = front->weak.lock();
+  if (handle) {
+    front->hits.store(front->hits.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
   return handle;
 }
 
-void frontRemember(const std::shared_ptr<const Regex::Impl> &handle) {
-  if (thread_front_gone) return;
-  ThreadFront &front = thread_front;
-  if (front.key.data() != handle->_pattern.data()) front.key = handle->_pattern;
-  front.weak = handle;
+void frontRemember(ThreadFront *front, const std::shared_ptr<const Regex::Impl> &handle,
+                   uint64_t hash) {
+  if (front == nullptr) return;
+  bool again = front->last_hash == hash;
+  front->last_hash = hash;
+  if (!again) return;
+  if (front->key.data() != handle->_pattern.data()) front->key = handle->_pattern;
+  front->weak = handle;
+}
+
+// Lookup in the shared maps, and on a miss the compile.
+std::shared_ptr<const Regex::Impl> sharedLookupOrCompile(const char *text, size_t size,
+                                                         uint64_t hash, ThreadFront *front) {
+  GlobalRegexCache &cache = GlobalRegexCache::instance();
+  std::shared_ptr<const Regex::Impl> handle;
+  {
+    GlobalRegexCache::Lock lock(cache);
+    if (front != nullptr) cache.listFrontLocked(*front);
+    handle = cache.lookup(hash, text, size);
+    if (handle) {
+      cache._stats.hits += 1;
+      lock.unlock();
+      frontRemember(front, handle, hash);
+      return handle;
+    }
+    cache._stats.misses += 1;
+  }
+  if (void (*hook)() = miss_hook.load()) hook();
+
+  auto fresh = std::make_unique<Regex::Impl>(StrSegment(text, size));
+  MV_ASSERT(hash == fresh->_pattern.hash());
+  fresh->_internal_init();
+  std::shared_ptr<const Regex::Impl> created(fresh.release(), Regex::Deleter());
+  {
+    GlobalRegexCache::Lock lock(cache);
+    handle = cache.lookup(hash, text, size);
+    if (handle) {
+      cache._stats.races_lost += 1;
+      lock.unlock();
+      frontRemember(front, handle, hash);
+      return handle;  // created goes now, outside the lock
+    }
+    cache._live.emplace(hash, GlobalRegexCache::LiveEntry{created, created.get()});
+  }
+  frontRemember(front, created, hash);
+  return created;
 }
 
 }  // namespace
@@ -660,14 +714,9 @@ std::shared_ptr<const Regex::Impl> Regex::cached(const char *text, size_t size) 
     MV_ASSERT(size == 0);
     text = EMPTY_TEXT;
   }
-  if (auto handle = frontLookup(text, size)) return handle;
-  return cached(text, size, hashBytes(text, size));
-}
-
-Regex Regex::_get(const char *text, size_t size, uint64_t hash) {
-  Regex result;
-  result._impl = cached(text, size, hash);
-  return result;
+  ThreadFront *front = threadFront();
+  if (auto handle = frontLookup(front, text, size)) return handle;
+  return sharedLookupOrCompile(text, size, hashBytes(text, size), front);
 }
 
 std::shared_ptr<const Regex::Impl> Regex::cached(const char *text, size_t size, uint64_t hash) {
@@ -675,40 +724,15 @@ std::shared_ptr<const Regex::Impl> Regex::cached(const char *text, size_t size, 
     MV_ASSERT(size == 0);
     text = EMPTY_TEXT;
   }
-  if (auto handle = frontLookup(text, size)) return handle;
-  GlobalRegexCache &cache = GlobalRegexCache::instance();
-  std::shared_ptr<const Impl> handle;
-  {
-    GlobalRegexCache::Lock lock(cache);
-    if (!thread_front_gone) cache.listFrontLocked(thread_front);
-    handle = cache.lookup(hash, text, size);
-    if (handle) {
-      cache._stats.hits += 1;
-      lock.unlock();
-      frontRemember(handle);
-      return handle;
-    }
-    cache._stats.misses += 1;
-  }
-  if (void (*hook)() = miss_hook.load()) hook();
+  ThreadFront *front = threadFront();
+  if (auto handle = frontLookup(front, text, size)) return handle;
+  return sharedLookupOrCompile(text, size, hash, front);
+}
 
-  auto fresh = std::make_unique<Impl>(StrSegment(text, size));
-  MV_ASSERT(hash == fresh->_pattern.hash());
-  fresh->_internal_init();
-  std::shared_ptr<const Impl> created(fresh.release(), Deleter());
-  {
-    GlobalRegexCache::Lock lock(cache);
-    handle = cache.lookup(hash, text, size);
-    if (handle) {
-      cache._stats.races_lost += 1;
-      lock.unlock();
-      frontRemember(handle);
-      return handle;  // created goes now, outside the lock
-    }
-    cache._live.emplace(hash, GlobalRegexCache::LiveEntry{created, created.get()});
-  }
-  frontRemember(created);
-  return created;
+Regex Regex::_get(const char *text, size_t size, uint64_t hash) {
+  Regex result;
+  result._impl = cached(text, size, hash);
+  return result;
 }
 
 void Regex::Deleter::operator()(const Impl *impl) const {
