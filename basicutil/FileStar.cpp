@@ -1,6 +1,9 @@
 #include "basicutil/FileStar.h"
 
 #include <sys/stat.h>
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#endif
 
 #include <cerrno>
 #include <cstdarg>
@@ -62,12 +65,27 @@ ssize_t FileStar::write(const void *buffer, size_t n) {
 
 namespace {
 
-// Unlocks on the way out, also when an append throws.
-struct ScopedStreamLock {
-  explicit ScopedStreamLock(FILE *fp) : _fp(fp) { flockfile(_fp); }
-  ~ScopedStreamLock() { funlockfile(_fp); }
+// Unlocks on the way out, also when an append throws. A process with one thread takes no lock,
+// as the C library's own line readers do: nothing can start a thread while this one reads.
+class ScopedStreamLock {
+ public:
+  explicit ScopedStreamLock(FILE *fp) : _fp(singleThreaded() ? nullptr : fp) {
+    if (_fp != nullptr) flockfile(_fp);
+  }
+  ~ScopedStreamLock() {
+    if (_fp != nullptr) funlockfile(_fp);
+  }
   ScopedStreamLock(const ScopedStreamLock &) = delete;
   ScopedStreamLock &operator=(const ScopedStreamLock &) = delete;
+
+ private:
+  static bool singleThreaded() {
+#if defined(__GLIBC__) && __has_include(<sys/single_threaded.h>)
+    return __libc_single_threaded;
+#else
+    return false;
+#endif
+  }
   FILE *_fp;
 };
 
