@@ -501,7 +501,7 @@ bool sameText(const HashedStr &key, const char *text, size_t size) {
 struct ThreadFront {
   HashedStr key;
   std::weak_ptr<const Regex::Impl> weak;
-  // The hash of the last pattern that the shared maps gave.
+  // The hash of the last pattern built, if the shared maps gave it; else 0.
   uint64_t last_hash = 0;
   // Written by its thread alone, without a locked instruction; the statistics take what was
   // added since they last looked, under the cache's mutex.
@@ -655,6 +655,7 @@ std::shared_ptr<const Regex::Impl> frontLookup(ThreadFront *front, const char *t
   std::shared_ptr<const Regex::Impl> handle = front->weak.lock();
   if (handle) {
     front->hits.store(front->hits.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    front->last_hash = 0;  // a pattern that alternates with the front's doesn't displace it
   }
   return handle;
 }
