@@ -1,6 +1,9 @@
 #include "basicutil/FileStar.h"
 
 #include <sys/stat.h>
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#endif
 
 #include <cerrno>
 #include <cstdarg>
@@ -15,9 +18,6 @@ namespace morvek {
 namespace {
 
 inline int get_errno() { return errno; }
-
-// fgets buffer of the seekable path and block of the unseekable one.
-constexpr size_t LINE_CHUNK = 256;
 
 char *formatUnsigned(uint64_t n, char *end, unsigned base) {
   static const char DIGITS[] = "0123456789abcdef";
@@ -63,72 +63,77 @@ ssize_t FileStar::write(const void *buffer, size_t n) {
   return static_cast<ssize_t>(put);
 }
 
-bool FileStar::readline(Str &storeTo) {
-  storeTo.clear();
-  off_t before = ftello(_fp);
-  if (before < 0) return readlineUnseekable(storeTo);
+namespace {
 
-  // fgets says nothing of how much it stored, and a NUL byte inside a line makes strlen lie;
-  // the stream's position does not. strlen can be trusted when it finds a full buffer or a
-  // newline at its end, which spares the position query (a system call) on most pieces.
-  char buf[LINE_CHUNK];
-  char last = '\0';
-  while (fgets(buf, sizeof buf, _fp) != nullptr) {
-    off_t str_size = static_cast<off_t>(strlen(buf));
-    if (str_size != static_cast<off_t>(sizeof buf - 1) &&
-        (str_size == 0 || buf[str_size - 1] != '\n')) {
-      str_size = ftello(_fp) - before;
+// Unlocks on the way out, also when an append throws. A process with one thread takes no lock,
+// as the C library's own line readers do: nothing can start a thread while this one reads.
+class ScopedStreamLock {
+ public:
+  explicit ScopedStreamLock(FILE *fp) : _fp(singleThreaded() ? nullptr : fp) {
+    if (_fp != nullptr) flockfile(_fp);
+  }
+  ~ScopedStreamLock() {
+    if (_fp != nullptr) funlockfile(_fp);
+  }
+  ScopedStreamLock(const ScopedStreamLock &) = delete;
+  ScopedStreamLock &operator=(const ScopedStreamLock &) = delete;
+
+ private:
+  static bool singleThreaded() {
+#if defined(__GLIBC__) && __has_include(<sys/single_threaded.h>)
+    return __libc_single_threaded;
+#else
+    return false;
+#endif
+  }
+  FILE *_fp;
+};
+
+// Appends the bytes up to and including the next newline, or up to the end of the input or an
+// error. True when a newline ended it. With the C library's buffer in view the line is found
+// with memchr and copied a run at a time, as getline does; getc_unlocked refills the buffer (or
+// leaves a pushed-back byte's area) through the library's own path.
+bool appendThroughNewline(FILE *fp, Str &storeTo) {
+  ScopedStreamLock lock(fp);
+  for (;;) {
+#if defined(__GLIBC__)
+    char *p = fp->_IO_read_ptr;
+    if (p < fp->_IO_read_end) {
+      size_t avail = static_cast<size_t>(fp->_IO_read_end - p);
+      auto *nl = static_cast<char *>(memchr(p, '\n', avail));
+      size_t n = nl != nullptr ? static_cast<size_t>(nl - p) + 1 : avail;
+      storeTo.append(p, n);
+      fp->_IO_read_ptr = p + n;
+      if (nl != nullptr) return true;
     }
-    MV_ASSERT(str_size > 0);
-    MV_ASSERT(str_size < static_cast<off_t>(sizeof buf));
-    storeTo.append(buf, static_cast<size_t>(str_size));
-    before += str_size;
-    last = buf[str_size - 1];
-    if (str_size != static_cast<off_t>(sizeof buf - 1) || last == '\n') break;
+#endif
+    int c = getc_unlocked(fp);
+    if (c == EOF) return false;
+    storeTo.push_back(static_cast<char>(c));
+    if (c == '\n') return true;
   }
-
-  bool newline = last == '\n';
-  if (last == '\0' && !storeTo.empty()) {
-    storeTo.pop_back();
-    newline = !storeTo.empty() && storeTo.back() == '\n';
-  }
-  if (newline) {
-    MV_ASSERT(!storeTo.empty());
-    storeTo.pop_back();
-    if (!storeTo.empty() && storeTo.back() == '\r') storeTo.pop_back();
-  }
-
-  if (!storeTo.empty()) return true;
-  if (feof(_fp)) return false;
-  return !ferror(_fp);
 }
 
-bool FileStar::readlineUnseekable(Str &storeTo) {
-  char block[LINE_CHUNK];
-  size_t n = 0;
-  bool any = false;
-  flockfile(_fp);
-  for (;;) {
-    int c = getc_unlocked(_fp);
-    if (c == EOF) break;
-    any = true;
-    if (c == '\n') break;
-    block[n++] = static_cast<char>(c);
-    if (n == sizeof block) {
-      storeTo.append(block, n);
-      n = 0;
-    }
-  }
-  funlockfile(_fp);
-  if (!any) return false;
-  // The carriage return may sit at the end of a block that has already been stored.
-  if (n > 0) {
-    if (block[n - 1] == '\r') --n;
-  } else if (!storeTo.empty() && storeTo.back() == '\r') {
+}  // namespace
+
+// The stream's position is asked only for a line that the end of the input cut off, the one
+// case where seekable and unseekable streams differ; a position query costs a system call.
+bool FileStar::readline(Str &storeTo) {
+  storeTo.clear();
+  if (appendThroughNewline(_fp, storeTo)) {
     storeTo.pop_back();
+    if (!storeTo.empty() && storeTo.back() == '\r') storeTo.pop_back();
+    return true;
   }
-  storeTo.append(block, n);
-  return true;
+  if (storeTo.empty()) return false;
+  if (ftello(_fp) < 0) {
+    // Unseekable: the end counts as a line end.
+    if (storeTo.back() == '\r') storeTo.pop_back();
+    return true;
+  }
+  // Seekable: the line stays as the end left it, carriage return and all, less a final NUL.
+  if (storeTo.back() == '\0') storeTo.pop_back();
+  return !storeTo.empty();
 }
 
 int FileStar::writeFormat(const char *format, ...) {

@@ -56,6 +56,8 @@ class FileStar {
   bool flush() { return fflush(_fp) == 0; }
 
   // Stores the next line without its line end ("\n" or "\r\n"). False at the end of the input.
+  // A last line with no newline keeps a final "\r" on a seekable stream and loses it on one that
+  // can't tell its position, such as a pipe. Reads through the stream, so it follows a seek.
   bool readline(Str &storeTo);
 
   // The count written, or -1.
@@ -78,9 +80,6 @@ class FileStar {
   bool modificationTime(Timeval &mtime) const;
 
   FILE *_fp;
-
- private:
-  bool readlineUnseekable(Str &storeTo);
 };
 
 }  // namespace morvek

@@ -267,10 +267,8 @@ void RegexMatch::setLimits(const RegexLimits &limits) {
 
 Regex::Regex(const char *pattern) : Regex(StrSegment(pattern)) {}
 Regex::Regex(StrSegment pattern) : Regex(pattern._data, pattern._len) {}
-Regex::Regex(const char *pattern, size_t len)
-    : Regex(pattern, len, hashBytes(pattern ? pattern : "", pattern ? len : 0)) {}
-Regex::Regex(const char *pattern, size_t len, uint64_t hash)
-    : _impl(_get(pattern, len, hash)._impl) {}
+Regex::Regex(const char *pattern, size_t len) : _impl(cached(pattern, len)) {}
+Regex::Regex(const char *pattern, size_t len, uint64_t hash) : _impl(cached(pattern, len, hash)) {}
 Regex::Regex(const HashedStr &pattern) : Regex(pattern.data(), pattern.size(), pattern.hash()) {}
 Regex::Regex(RegexCaseInsensitiveTag, StrSegment pattern) : Regex(Str("(?i)", pattern)) {}
 
@@ -489,6 +487,38 @@ bool sameText(const HashedStr &key, const char *text, size_t size) {
   return key.size() == size && (size == 0 || memcmp(key.data(), text, size) == 0);
 }
 
+// The pattern this thread last built twice in a row, looked at before the shared maps, so that
+// a thread which builds the same Regex again and again takes neither the hash nor the mutex;
+// taking a pattern in costs reference counts, which patterns built in turn don't repay. It holds
+// the key text and a weak reference, never a handle, so it changes nothing in the cache's rules:
+// - it keeps no pattern live: the last handle's end still retires the pattern into young, and
+//   rotations age and drop it as before, whatever fronts name it;
+// - it answers only while its weak reference locks, that is while some handle exists; then the
+//   pattern is in live under this text, and the shared lookup would return this same object;
+// - once expired a weak reference never locks again, so a retired, evicted or freed pattern is
+//   never handed out from here: the shared lookup revives it or compiles anew;
+// - its hits count as hits.
+struct ThreadFront {
+  HashedStr key;
+  std::weak_ptr<const Regex::Impl> weak;
+  // The hash of the last pattern built, if the shared maps gave it; else 0.
+  uint64_t last_hash = 0;
+  // Written by its thread alone, without a locked instruction; the statistics take what was
+  // added since they last looked, under the cache's mutex.
+  std::atomic<uint32_t> hits{0};
+  uint32_t hits_taken = 0;
+  // In the cache's list of fronts once the thread has used the cache.
+  ThreadFront *next = nullptr;
+  ThreadFront **prevp = nullptr;
+  ~ThreadFront();
+};
+// Both trivially destructible, so they can be read after the front has gone at thread exit;
+// the pointer spares the hot path the guard of the front's own initialisation.
+thread_local constinit bool thread_front_gone = false;
+thread_local constinit ThreadFront *thread_front_ptr __attribute__((tls_model("initial-exec"))) =
+    nullptr;
+thread_local ThreadFront thread_front;
+
 // Keys are the patterns' own texts: a live entry's Impl outlives the entry, since its Deleter
 // removes the entry before it frees anything.
 class GlobalRegexCache {
@@ -560,11 +590,31 @@ class GlobalRegexCache {
     _young.swap(_old);
   }
 
+  void listFrontLocked(ThreadFront &front) {
+    if (front.prevp != nullptr) return;
+    front.next = _fronts;
+    if (_fronts != nullptr) _fronts->prevp = &front.next;
+    _fronts = &front;
+    front.prevp = &_fronts;
+  }
+  void unlistFrontLocked(ThreadFront &front) {
+    takeFrontHitsLocked(front);
+    *front.prevp = front.next;
+    if (front.next != nullptr) front.next->prevp = front.prevp;
+    front.prevp = nullptr;
+  }
+  void takeFrontHitsLocked(ThreadFront &front) {
+    uint32_t n = front.hits.load(std::memory_order_relaxed);
+    _stats.hits += n - front.hits_taken;
+    front.hits_taken = n;
+  }
+
   PthreadMutex _mutex;
   std::multimap<uint64_t, LiveEntry> _live;
   Generation _young;
   Generation _old;
   RegexCacheStats _stats{};
+  ThreadFront *_fronts = nullptr;
 };
 
 // Moves the cache's state to initialised before main and to destroyed among the static
@@ -584,41 +634,105 @@ struct GlobalRegexCacheSingletonConstructor {
   }
 } regex_cache_singleton_constructor;
 
-}  // namespace
-
-Regex Regex::_get(const char *text, size_t size, uint64_t hash) {
-  if (text == nullptr) {
-    MV_ASSERT(size == 0);
-    text = EMPTY_TEXT;
-  }
+ThreadFront::~ThreadFront() {
+  thread_front_gone = true;
+  thread_front_ptr = nullptr;
+  if (prevp == nullptr) return;
   GlobalRegexCache &cache = GlobalRegexCache::instance();
-  Regex result;
+  GlobalRegexCache::Lock lock(cache);
+  cache.unlistFrontLocked(*this);
+}
+
+// Null once the thread's front has gone at its exit.
+ThreadFront *threadFront() {
+  if (ThreadFront *front = thread_front_ptr) return front;
+  if (thread_front_gone) return nullptr;
+  return thread_front_ptr = &thread_front;
+}
+
+std::shared_ptr<const Regex::Impl> frontLookup(ThreadFront *front, const char *text, size_t size) {
+  if (front == nullptr || !sameText(front->key, text, size)) return nullptr;
+  std::shared_ptr<const Regex::Impl> handle = front->weak.lock();
+  if (handle) {
+    front->hits.store(front->hits.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    front->last_hash = 0;  // a pattern that alternates with the front's doesn't displace it
+  }
+  return handle;
+}
+
+void frontRemember(ThreadFront *front, const std::shared_ptr<const Regex::Impl> &handle,
+                   uint64_t hash) {
+  if (front == nullptr) return;
+  bool again = front->last_hash == hash;
+  front->last_hash = hash;
+  if (!again) return;
+  if (front->key.data() != handle->_pattern.data()) front->key = handle->_pattern;
+  front->weak = handle;
+}
+
+// Lookup in the shared maps, and on a miss the compile.
+std::shared_ptr<const Regex::Impl> sharedLookupOrCompile(const char *text, size_t size,
+                                                         uint64_t hash, ThreadFront *front) {
+  GlobalRegexCache &cache = GlobalRegexCache::instance();
+  std::shared_ptr<const Regex::Impl> handle;
   {
     GlobalRegexCache::Lock lock(cache);
-    result._impl = cache.lookup(hash, text, size);
-    if (result._impl) {
+    if (front != nullptr) cache.listFrontLocked(*front);
+    handle = cache.lookup(hash, text, size);
+    if (handle) {
       cache._stats.hits += 1;
-      return result;
+      lock.unlock();
+      frontRemember(front, handle, hash);
+      return handle;
     }
     cache._stats.misses += 1;
   }
   if (void (*hook)() = miss_hook.load()) hook();
 
-  auto fresh = std::make_unique<Impl>(StrSegment(text, size));
+  auto fresh = std::make_unique<Regex::Impl>(StrSegment(text, size));
   MV_ASSERT(hash == fresh->_pattern.hash());
   fresh->_internal_init();
-  std::shared_ptr<const Impl> created(fresh.release(), Deleter());
+  std::shared_ptr<const Regex::Impl> created(fresh.release(), Regex::Deleter());
   {
     GlobalRegexCache::Lock lock(cache);
-    result._impl = cache.lookup(hash, text, size);
-    if (result._impl) {
+    handle = cache.lookup(hash, text, size);
+    if (handle) {
       cache._stats.races_lost += 1;
       lock.unlock();
-      return result;  // created goes now, outside the lock
+      frontRemember(front, handle, hash);
+      return handle;  // created goes now, outside the lock
     }
     cache._live.emplace(hash, GlobalRegexCache::LiveEntry{created, created.get()});
   }
-  result._impl = std::move(created);
+  frontRemember(front, created, hash);
+  return created;
+}
+
+}  // namespace
+
+std::shared_ptr<const Regex::Impl> Regex::cached(const char *text, size_t size) {
+  if (text == nullptr) {
+    MV_ASSERT(size == 0);
+    text = EMPTY_TEXT;
+  }
+  ThreadFront *front = threadFront();
+  if (auto handle = frontLookup(front, text, size)) return handle;
+  return sharedLookupOrCompile(text, size, hashBytes(text, size), front);
+}
+
+std::shared_ptr<const Regex::Impl> Regex::cached(const char *text, size_t size, uint64_t hash) {
+  if (text == nullptr) {
+    MV_ASSERT(size == 0);
+    text = EMPTY_TEXT;
+  }
+  ThreadFront *front = threadFront();
+  if (auto handle = frontLookup(front, text, size)) return handle;
+  return sharedLookupOrCompile(text, size, hash, front);
+}
+
+Regex Regex::_get(const char *text, size_t size, uint64_t hash) {
+  Regex result;
+  result._impl = cached(text, size, hash);
   return result;
 }
 
@@ -658,6 +772,9 @@ RegexCacheStats takeAndResetRegexCacheStats() {
   if (regex_cache_state == REGEX_CACHE_UNITIALIZED) return taken;
   GlobalRegexCache &cache = GlobalRegexCache::instance();
   GlobalRegexCache::Lock lock(cache);
+  for (ThreadFront *front = cache._fronts; front != nullptr; front = front->next) {
+    cache.takeFrontHitsLocked(*front);
+  }
   std::swap(taken, cache._stats);
   return taken;
 }

@@ -171,6 +171,10 @@ class Regex {
   friend ssize_t mem_regexmatch(const Regex &rgx, const char *data, size_t datalen, int mode);
 
   const Impl &impl() const;
+  // What _get returns, built in place in the handle. The form without a hash hashes the text
+  // only when the thread's last pattern isn't it.
+  static std::shared_ptr<const Impl> cached(const char *text, size_t size, uint64_t hash);
+  static std::shared_ptr<const Impl> cached(const char *text, size_t size);
 
   std::shared_ptr<const Impl> _impl;
 };

@@ -2,6 +2,7 @@
 
 #include <sys/uio.h>
 #include <time.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -782,13 +783,33 @@ void Thread::signalContextHandler(int signo, siginfo_t *info, void *ucontext) {
   Thread *self = activeThreads;
   if (self != nullptr) {
     void *actor = self->_inSignalContextActor.exchange(nullptr);
-    if (actor != nullptr) {
-      static_cast<InSignalContextActor *>(actor)->act(signo, info, ucontext);
-      self->_signal_context_ran.store(true);
-      _signal_actors_in_flight.fetch_sub(1);
-      self->_signal_context_busy.store(false);
-    }
+    if (actor != nullptr) self->finishSignalActor(actor, signo, info, ucontext);
   }
+  errno = saved_errno;
+}
+
+void Thread::finishSignalActor(void *actor, int signo, siginfo_t *info, void *ucontext) {
+  static_cast<InSignalContextActor *>(actor)->act(signo, info, ucontext);
+  _signal_context_ran.store(true);
+  _signal_actors_in_flight.fetch_sub(1);
+  _signal_context_busy.store(false);
+}
+
+// No new actor can be parked here before this one is finished: its caller holds our
+// _signal_context_lock until then. The signal that comes later finds the slot empty.
+void Thread::runParkedSignalActor() {
+  if (_inSignalContextActor.load(std::memory_order_relaxed) == nullptr) return;
+  void *actor = _inSignalContextActor.exchange(nullptr);
+  if (actor == nullptr) return;
+  int saved_errno = errno;
+  siginfo_t info;
+  memset(&info, 0, sizeof info);
+  info.si_signo = SIGUSR1;
+  info.si_code = SI_TKILL;
+  info.si_pid = getpid();
+  info.si_uid = getuid();
+  ucontext_t context;
+  finishSignalActor(actor, SIGUSR1, &info, getcontext(&context) == 0 ? &context : nullptr);
   errno = saved_errno;
 }
 
@@ -831,7 +852,21 @@ void Thread::closeSignalContext() {
 bool Thread::runInUnixSignalContext(InSignalContextActor *actor) {
   MV_ASSERT(actor != nullptr);
   MV_ASSERT(!isCurrent());
-  ScopedMutexLock lock(_signal_context_lock);
+  Thread *self = activeThreads;
+  // A caller with no Thread object is no target and may block; one that is spins, so that it
+  // can run what is parked on it.
+  if (self != nullptr) {
+    while (!_signal_context_lock.tryLock()) {
+      self->runParkedSignalActor();
+      sched_yield();
+    }
+  } else {
+    _signal_context_lock.lock();
+  }
+  struct Unlock {
+    PthreadMutex &mutex;
+    ~Unlock() { mutex.unlock(); }
+  } unlock{_signal_context_lock};
   if ((_signal_actors_in_flight.fetch_add(1) + 1) & SIGNAL_ACTORS_CLOSED) return false;
   if (_signal_context_closed.load()) {
     _signal_actors_in_flight.fetch_sub(1);
@@ -847,6 +882,7 @@ bool Thread::runInUnixSignalContext(InSignalContextActor *actor) {
   bool sent = !_signal_context_closed.load() && pthread_kill(_token, SIGUSR1) == 0;
   if (!sent && takeBackSignalActor()) return false;
   for (uint32_t spins = 1; _signal_context_busy.exchange(true); ++spins) {
+    if (self != nullptr) self->runParkedSignalActor();
     if (spins % 1024 != 0) continue;
     // A signal that reached the thread before it knew its Thread object was dropped by the
     // handler; send again while the actor still waits, unless the thread is leaving.

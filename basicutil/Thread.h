@@ -340,6 +340,10 @@ class Thread {
   // Makes this thread run actor->act in signal context and waits, spinning, until it finished.
   // True when the actor ran; false when it could not be delivered: the thread has ended its
   // body (or is leaving without one), or MainThread is gone. Callers are serialised per target.
+  // A caller that is itself a target runs, while it waits, an actor parked on it whose signal
+  // has not come through (a sanitizer holds signals back from a thread that makes no calls it
+  // watches), so that callers aiming at each other always finish; act then gets SIGUSR1, a
+  // siginfo as pthread_kill makes it and the caller's own context.
   // Never aimed at the calling thread; the target must not be joined while this runs. The
   // target must not block SIGUSR1, which belongs to this library.
   //   Example: a thread blocked in read(2) on an empty pipe runs the actor at once and goes
@@ -392,6 +396,10 @@ class Thread {
   static void renderThreadNotation(crashlog_notation_entry *e, crash_log_writer *w);
   static Thread *firstRunning(const std::function<bool(Thread &)> &predicate, bool started);
   static void signalContextHandler(int signo, siginfo_t *info, void *ucontext);
+  // The handler's work on an actor taken from this thread's slot.
+  void finishSignalActor(void *actor, int signo, siginfo_t *info, void *ucontext);
+  // Runs an actor parked on this, the calling thread, outside the handler.
+  void runParkedSignalActor();
   static void installSignalContextHandler();
   static void closeSignalActors();
   bool takeBackSignalActor();

@@ -102,12 +102,43 @@ TEST(FileStarReadline, FileAndPipeGiveTheSameLines) {
   }
 }
 
-TEST(FileStarReadline, TrailingCarriageReturnAtTheEndDependsOnSeekability) {
-  // A seekable stream keeps what came before the end of the file; the byte-wise reader treats
-  // the end like a newline.
+TEST(FileStarReadline, LastLineWithoutNewlineDependsOnSeekability) {
+  using namespace std::string_literals;
+  // A seekable stream keeps a final carriage return and drops a final NUL; one that can't tell
+  // its position treats the end like a newline.
   EXPECT_EQ(linesFromFile("a\nb\r"), (Lines{"a", "b\r"}));
   EXPECT_EQ(linesFromPipe("a\nb\r"), (Lines{"a", "b"}));
   EXPECT_EQ(linesFromPipe(run(255, 0) + "\r"), (Lines{run(255, 0)}));
+  EXPECT_EQ(linesFromFile("a\nb\0"s), (Lines{"a", "b"}));
+  EXPECT_EQ(linesFromPipe("a\nb\0"s), (Lines{"a", "b\0"s}));
+  EXPECT_EQ(linesFromFile("a\n\0"s), (Lines{"a"}));
+  EXPECT_EQ(linesFromPipe("a\n\0"s), (Lines{"a", "\0"s}));
+}
+
+// Lines come through the stream itself: a seek, a pushed-back byte and the offsets after each
+// line are the stream's, and after a line cut off at the end, what is appended follows it.
+TEST(FileStarReadline, FollowsTheStream) {
+  ScratchFile f;
+  FileStar(f.path.c_str(), "w").write("one\ntwo\r\nthr", 13);
+  FileStar in(f.path.c_str(), "r");
+  FILE *fp = in.get();
+  Str line;
+  auto next = [&] { return in.readline(line) ? std::string(line) : std::string("<none>"); };
+  EXPECT_EQ(next(), "one");
+  EXPECT_EQ(ftello(fp), 4);
+  ASSERT_EQ(fseeko(fp, 1, SEEK_SET), 0);
+  EXPECT_EQ(next(), "ne");
+  ASSERT_EQ(ungetc('X', fp), 'X');
+  EXPECT_EQ(next(), "Xtwo");
+  EXPECT_EQ(ftello(fp), 9);
+  EXPECT_EQ(next(), "thr");
+  EXPECT_EQ(next(), "<none>");
+  FileStar(f.path.c_str(), "a").write("ee\nfour\n", 8);
+  clearerr(fp);
+  EXPECT_EQ(next(), "ee");
+  EXPECT_EQ(next(), "four");
+  EXPECT_EQ(ftello(fp), 21);
+  EXPECT_EQ(next(), "<none>");
 }
 
 TEST(FileStarLifecycle, ClosingKeepsErrnoEvenWhenTheFlushFails) {

@@ -59,6 +59,22 @@ TEST_F(RegexCacheTest, RetiredPatternComesBackWithoutCompile) {
   EXPECT_EQ(stats(), "1 1 0 0 0");
 }
 
+// A thread that builds one pattern again and again is served without the shared maps; those
+// are still hits, counted after the thread has gone, and an evicted pattern is compiled anew.
+TEST_F(RegexCacheTest, RepeatsOnOneThreadAreHitsUntilEvicted) {
+  std::thread t([] {
+    Regex held(pattern("repeat", 0));
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(Regex(pattern("repeat", 0)).sameCompiledPattern(held));
+  });
+  t.join();
+  EXPECT_EQ(stats(), "3 1 0 0 0");
+  Regex(pattern("repeat", 1));
+  rotate_regex_cache();
+  rotate_regex_cache();
+  EXPECT_TRUE(Regex(pattern("repeat", 1)).matches("cache:repeat:1"));
+  EXPECT_EQ(stats(), "0 2 0 2 2");
+}
+
 TEST_F(RegexCacheTest, RotationDropsTheOldGeneration) {
   auto counts = [] {
     return std::to_string(regexCacheCounts().old) + "/" + std::to_string(regexCacheCounts().young);
