@@ -522,30 +522,31 @@ __attribute__((target("avx2"))) size_t caseless_ascii_prefix_avx2(const uint8_t 
 #endif
 
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-// The 0x80 bit of each byte of the word that is not good, as above, or that follows one that is
-// not: a carry out of a high byte can only spoil the bytes above it, which come later.
-inline uint64_t caseless_bad_bytes(uint64_t x, uint64_t y) {
-  constexpr uint64_t ones = 0x0101010101010101u, highs = ones * 0x80;
-  const uint64_t upper_x = (x + ones * (0x80 - 'A')) & ~(x + ones * (0x80 - 'Z' - 1)) & highs;
-  const uint64_t upper_y = (y + ones * (0x80 - 'A')) & ~(y + ones * (0x80 - 'Z' - 1)) & highs;
-  const uint64_t diff = (x | upper_x >> 2) ^ (y | upper_y >> 2);
-  return (((diff & ~highs) + ones * 0x7F) | diff | x | y) & highs;
+template <class T>
+inline T load(const uint8_t *p) {
+  T v;
+  memcpy(&v, p, sizeof v);
+  return v;
 }
 
-inline uint64_t load64(const uint8_t *p) {
-  uint64_t v;
-  memcpy(&v, p, 8);
-  return v;
+// The n (1 to 7) bytes at p in the low bytes of a word, zeros above: two loads that may
+// overlap, so that nothing past the end is read.
+inline uint64_t low_bytes(const uint8_t *p, size_t n) {
+  if (n >= 4) return uint64_t(load<uint32_t>(p + n - 4)) << 8 * (n - 4) | load<uint32_t>(p);
+  if (n >= 2) return uint64_t(load<uint16_t>(p + n - 2)) << 8 * (n - 2) | load<uint16_t>(p);
+  return *p;
 }
 #endif
 
 // Bytes from the front that are ASCII on both sides and equal once folded: those decide nothing.
-// This form for n < 32 makes no call.
-inline size_t caseless_ascii_prefix_short(const uint8_t *a, const uint8_t *b, size_t n) {
-  size_t i = 0;
-#ifdef __SSE2__
-  if (n >= 16) {
-    // As in the AVX2 form: 'A' to 'Z' moved to the bottom of the signed range.
+// This form, for n < 32, makes no call and needs no frame.
+__attribute__((always_inline)) inline size_t caseless_ascii_prefix_short(const uint8_t *a,
+                                                                         const uint8_t *b,
+                                                                         size_t n) {
+#if defined(__SSE2__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  // As in the AVX2 form. Short texts are loaded in overlapping halves, or in the low bytes of
+  // a zeroed block, so that nothing past the end is read; zeros are good on both sides.
+  auto good = [](__m128i va, __m128i vb) {
     const __m128i shift = _mm_set1_epi8(static_cast<char>(0x80 - 'A'));
     const __m128i past_z = _mm_set1_epi8(static_cast<char>(-128 + 26));
     const __m128i case_bit = _mm_set1_epi8(0x20);
@@ -553,38 +554,39 @@ inline size_t caseless_ascii_prefix_short(const uint8_t *a, const uint8_t *b, si
       return _mm_or_si128(v,
                           _mm_and_si128(_mm_cmpgt_epi8(past_z, _mm_add_epi8(v, shift)), case_bit));
     };
-    auto good = [&](size_t at) {
-      const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a + at));
-      const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i *>(b + at));
-      return static_cast<unsigned>(_mm_movemask_epi8(
-          _mm_andnot_si128(_mm_or_si128(va, vb), _mm_cmpeq_epi8(fold(va), fold(vb)))));
-    };
-    for (; i + 16 <= n; i += 16) {
-      const unsigned g = good(i);
-      if (g != 0xFFFF) return i + static_cast<size_t>(__builtin_ctz(~g));
-    }
-    if (i < n) {
-      const unsigned g = good(n - 16);
-      if (g != 0xFFFF) return n - 16 + static_cast<size_t>(__builtin_ctz(~g));
-    }
-    return n;
+    return static_cast<unsigned>(_mm_movemask_epi8(
+        _mm_andnot_si128(_mm_or_si128(va, vb), _mm_cmpeq_epi8(fold(va), fold(vb)))));
+  };
+  auto load16 = [](const uint8_t *p) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+  };
+  auto halves = [](const uint8_t *p, size_t len) {
+    return _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(p)),
+                              _mm_loadl_epi64(reinterpret_cast<const __m128i *>(p + len - 8)));
+  };
+  unsigned g;
+  if (n >= 16) {
+    g = good(load16(a), load16(b));
+    if (g != 0xFFFF) return static_cast<size_t>(__builtin_ctz(~g));
+    g = good(load16(a + n - 16), load16(b + n - 16));
+    return g != 0xFFFF ? n - 16 + static_cast<size_t>(__builtin_ctz(~g)) : n;
   }
-#endif
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
   if (n >= 8) {
-    for (; i + 8 <= n; i += 8) {
-      const uint64_t bad = caseless_bad_bytes(load64(a + i), load64(b + i));
-      if (bad != 0) return i + static_cast<size_t>(__builtin_ctzll(bad) >> 3);
-    }
-    if (i < n) {
-      const uint64_t bad = caseless_bad_bytes(load64(a + n - 8), load64(b + n - 8));
-      if (bad != 0) return n - 8 + static_cast<size_t>(__builtin_ctzll(bad) >> 3);
-    }
-    return n;
+    // A bad byte in the upper half that the lower half also holds would have shown there.
+    g = good(halves(a, n), halves(b, n));
+    if (g == 0xFFFF) return n;
+    const size_t k = static_cast<size_t>(__builtin_ctz(~g));
+    return k < 8 ? k : n - 16 + k;
   }
-#endif
+  if (n == 0) return 0;
+  g = good(_mm_cvtsi64_si128(static_cast<long long>(low_bytes(a, n))),
+           _mm_cvtsi64_si128(static_cast<long long>(low_bytes(b, n))));
+  return g != 0xFFFF ? static_cast<size_t>(__builtin_ctz(~g)) : n;
+#else
+  size_t i = 0;
   while (i < n && (a[i] | b[i]) < 0x80 && ascii_lower(a[i]) == ascii_lower(b[i])) ++i;
   return i;
+#endif
 }
 
 inline size_t caseless_ascii_prefix(const uint8_t *a, const uint8_t *b, size_t n) {
