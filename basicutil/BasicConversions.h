@@ -97,6 +97,28 @@ inline size_t writeDecimalI64(char *dst, int64_t v) {
 // ---------------------------------------------------------------------------------------------
 // Text to numbers
 
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+// The n (1 to 8) bytes at p in the low bytes of a word, the first lowest, zeros above. Two
+// loads that may overlap, so that nothing past the n bytes is read: short texts go to word and
+// vector code whole.
+inline uint64_t loadLowBytes(const void *p, size_t n) {
+  const char *c = static_cast<const char *>(p);
+  uint32_t lo, hi;
+  if (n >= 4) {
+    memcpy(&lo, c, 4);
+    memcpy(&hi, c + n - 4, 4);
+    return uint64_t(hi) << 8 * (n - 4) | lo;
+  }
+  uint16_t lo2, hi2;
+  if (n >= 2) {
+    memcpy(&lo2, c, 2);
+    memcpy(&hi2, c + n - 2, 2);
+    return uint64_t(hi2) << 8 * (n - 2) | lo2;
+  }
+  return static_cast<unsigned char>(*c);
+}
+#endif
+
 namespace decimal_detail {
 
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
@@ -120,19 +142,10 @@ inline T loadBytes(const char *p) {
   return v;
 }
 
-// The n (1 to 8) bytes at p as the last bytes of a word that '0's fill in front. Two loads that
-// may overlap, so that nothing past the text is read and no loop runs digit by digit.
+// The n (1 to 8) bytes at p as the last bytes of a word that '0's fill in front.
 inline uint64_t digitWord(const char *p, size_t n) {
   const unsigned pad = 8 * static_cast<unsigned>(8 - n);
-  uint64_t w;
-  if (n >= 4) {
-    w = uint64_t(loadBytes<uint32_t>(p + n - 4)) << 32 | uint64_t(loadBytes<uint32_t>(p)) << pad;
-  } else if (n >= 2) {
-    w = uint64_t(loadBytes<uint16_t>(p + n - 2)) << 48 | uint64_t(loadBytes<uint16_t>(p)) << pad;
-  } else {
-    w = uint64_t(static_cast<unsigned char>(*p)) << 56;
-  }
-  return w | (0x3030303030303030u & ((uint64_t(1) << pad) - 1));
+  return loadLowBytes(p, n) << pad | (0x3030303030303030u & ((uint64_t(1) << pad) - 1));
 }
 #endif
 

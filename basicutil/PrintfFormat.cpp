@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <type_traits>
 
 #include "basicutil/BasicConversions.h"
 #include "basicutil/PrintFloatingPoint.h"
@@ -800,6 +801,18 @@ inline void renderAtom(Sink &sink, const PrintfFormatAtom &atom, va_list *ap, in
   MV_ASSERT(atom.conversion <= PrintfFormatAtom::CONV_POINTER);
 }
 
+template <class T, class Sink>
+__attribute__((always_inline)) inline void renderBareDecimal(Sink &sink, va_list *ap) {
+  const T v = va_arg(*ap, T);
+  sink.beginConversion();
+  sink.inPlace([v](char *dst) {
+    if constexpr (std::is_same_v<T, int>) return writeDecimalI32(dst, v);
+    if constexpr (std::is_same_v<T, long long>) return writeDecimalI64(dst, v);
+    if constexpr (std::is_same_v<T, unsigned>) return writeDecimalU32(dst, v);
+    if constexpr (std::is_same_v<T, unsigned long long>) return writeDecimalU64(dst, v);
+  });
+}
+
 // The walks read the caller's own list through a pointer. The variadic entry points hand in the
 // list they started; copying it first would cost a store-forwarding stall on every call.
 // A conversion with no flags, width or precision ("%d", "%lu", "%s") renders exactly as its bare
@@ -819,26 +832,11 @@ __attribute__((always_inline)) inline size_t renderBare(Sink &sink, const char *
   switch (*q) {
     case 'd':
     case 'i':
-      if (wide) {
-        const long long v = va_arg(*ap, long long);
-        sink.beginConversion();
-        sink.inPlace([v](char *dst) { return writeDecimalI64(dst, v); });
-      } else {
-        const int v = va_arg(*ap, int);
-        sink.beginConversion();
-        sink.inPlace([v](char *dst) { return writeDecimalI32(dst, v); });
-      }
+      wide ? renderBareDecimal<long long>(sink, ap) : renderBareDecimal<int>(sink, ap);
       break;
     case 'u':
-      if (wide) {
-        const unsigned long long v = va_arg(*ap, unsigned long long);
-        sink.beginConversion();
-        sink.inPlace([v](char *dst) { return writeDecimalU64(dst, v); });
-      } else {
-        const unsigned v = va_arg(*ap, unsigned);
-        sink.beginConversion();
-        sink.inPlace([v](char *dst) { return writeDecimalU32(dst, v); });
-      }
+      wide ? renderBareDecimal<unsigned long long>(sink, ap)
+           : renderBareDecimal<unsigned>(sink, ap);
       break;
     case 's': {
       const char *s = va_arg(*ap, const char *);

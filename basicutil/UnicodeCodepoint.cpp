@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "basicutil/BasicConversions.h"
 #include "basicutil/UnicodeTables.h"
 #include "libzero/fatal-assert.h"
 
@@ -521,23 +522,6 @@ __attribute__((target("avx2"))) size_t caseless_ascii_prefix_avx2(const uint8_t 
 }
 #endif
 
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-template <class T>
-inline T load(const uint8_t *p) {
-  T v;
-  memcpy(&v, p, sizeof v);
-  return v;
-}
-
-// The n (1 to 7) bytes at p in the low bytes of a word, zeros above: two loads that may
-// overlap, so that nothing past the end is read.
-inline uint64_t low_bytes(const uint8_t *p, size_t n) {
-  if (n >= 4) return uint64_t(load<uint32_t>(p + n - 4)) << 8 * (n - 4) | load<uint32_t>(p);
-  if (n >= 2) return uint64_t(load<uint16_t>(p + n - 2)) << 8 * (n - 2) | load<uint16_t>(p);
-  return *p;
-}
-#endif
-
 // Bytes from the front that are ASCII on both sides and equal once folded: those decide nothing.
 // This form, for n < 32, makes no call and needs no frame.
 __attribute__((always_inline)) inline size_t caseless_ascii_prefix_short(const uint8_t *a,
@@ -579,8 +563,8 @@ __attribute__((always_inline)) inline size_t caseless_ascii_prefix_short(const u
     return k < 8 ? k : n - 16 + k;
   }
   if (n == 0) return 0;
-  g = good(_mm_cvtsi64_si128(static_cast<long long>(low_bytes(a, n))),
-           _mm_cvtsi64_si128(static_cast<long long>(low_bytes(b, n))));
+  g = good(_mm_cvtsi64_si128(static_cast<long long>(loadLowBytes(a, n))),
+           _mm_cvtsi64_si128(static_cast<long long>(loadLowBytes(b, n))));
   return g != 0xFFFF ? static_cast<size_t>(__builtin_ctz(~g)) : n;
 #else
   size_t i = 0;
