@@ -15,7 +15,6 @@
 #include "basicutil/BasicConversions.h"
 #include "basicutil/PrintfFormat.h"
 #include "basicutil/Str.h"
-#include "basicutil/StrVector.h"
 #include "basicutil/UnicodeCodepoint.h"
 
 using morvek::Str;
@@ -37,13 +36,14 @@ std::vector<Str> startingStrs() {
   return {Str(), Str(14, 's'), full, roomy};
 }
 
+// errno is EDOM throughout, for "%m" and to see that it is kept.
 template <class... Args>
 void expectLikeSnprintf(const char *format, Args... args) {
   char want[256];
+  errno = EDOM;
   snprintf(want, sizeof want, format, args...);
   for (const Str &start : startingStrs()) {
     Str s = start;
-    errno = EDOM;
     s.appendf(format, args...);
     EXPECT_EQ(errno, EDOM) << format;
     EXPECT_EQ(s, start + want) << format;
@@ -51,9 +51,6 @@ void expectLikeSnprintf(const char *format, Args... args) {
     EXPECT_EQ(s, want) << format;
   }
   EXPECT_EQ(Str(Str::FORMAT, format, args...), want) << format;
-  morvek::StrVector v;
-  morvek::appendPrintfToVector(v, format, args...);
-  EXPECT_FALSE(v.empty()) << format;
 }
 
 TEST(FastPathDifferential, BareConversionsMatchSnprintf) {
@@ -67,22 +64,10 @@ TEST(FastPathDifferential, BareConversionsMatchSnprintf) {
     expectLikeSnprintf("%i|%u", i, u);
     expectLikeSnprintf("<%ld>", static_cast<long>(v));
     expectLikeSnprintf("%lld%llu", v, static_cast<unsigned long long>(v));
-    expectLikeSnprintf("%lu and %s then %d%%", static_cast<unsigned long>(v), "text", i);
+    expectLikeSnprintf("%lu and %s then %d%% %m", static_cast<unsigned long>(v), "text", i);
     expectLikeSnprintf("%5d|%-3u|%s", i, u, "");
   }
   expectLikeSnprintf("%llu", ULLONG_MAX);
-}
-
-TEST(FastPathDifferential, ErrnoOfTheCallerIsShownAndKept) {
-  char want[200];
-  snprintf(want, sizeof want, "7 %s", strerror(ENOENT));
-  for (const Str &start : startingStrs()) {
-    Str s = start;
-    errno = ENOENT;
-    s.appendf("%d %m", 7);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(s, start + want);
-  }
 }
 
 // ---- caseless comparison ------------------------------------------------------------------
@@ -105,20 +90,12 @@ TEST(FastPathDifferential, AsciiCaselessAgreesWithStrcasecmp) {
     std::string a;
     const size_t len = rng() % 80;
     for (size_t i = 0; i < len; ++i) a.push_back(static_cast<char>(1 + rng() % 127));
+    // Equal but for case, one byte changed, cut short or made longer.
     std::string b = flipCase(a, rng);
-    switch (rng() % 4) {
-      case 0:  // equal but for case
-        break;
-      case 1:
-        if (!b.empty()) b[rng() % b.size()] = static_cast<char>(1 + rng() % 127);
-        break;
-      case 2:
-        b.resize(rng() % (b.size() + 1));
-        break;
-      case 3:
-        b.push_back(static_cast<char>(1 + rng() % 127));
-        break;
-    }
+    const unsigned change = rng() % 4;
+    if (change == 1 && !b.empty()) b[rng() % b.size()] = static_cast<char>(1 + rng() % 127);
+    if (change == 2) b.resize(rng() % (b.size() + 1));
+    if (change == 3) b.push_back(static_cast<char>(1 + rng() % 127));
     ASSERT_EQ(sign(caseless(a, b)), sign(strcasecmp(a.c_str(), b.c_str()))) << a << " | " << b;
   }
 }
@@ -211,25 +188,14 @@ void expectParsesLikeFromChars(const std::string &text) {
 }
 
 TEST(FastPathDifferential, ParsingAgreesWithFromChars) {
-  std::vector<std::string> texts = {"",
-                                    "0",
-                                    "00000000000000000000000000042",
-                                    "65535",
-                                    "65536",
-                                    "4294967295",
-                                    "4294967296",
-                                    "9223372036854775807",
-                                    "9223372036854775808",
-                                    "-9223372036854775808",
-                                    "-9223372036854775809",
-                                    "18446744073709551615",
-                                    "18446744073709551616",
-                                    "99999999999999999999",
-                                    "1234567/",
-                                    "1234:678",
-                                    "-",
-                                    " 12 ",
-                                    "\t-7"};
+  std::vector<StrSegment> edges;
+  StrSegment(
+      "0|00000000000000000000000000042|65535|65536|4294967295|4294967296|9223372036854775807|"
+      "9223372036854775808|-9223372036854775808|-9223372036854775809|18446744073709551615|"
+      "18446744073709551616|99999999999999999999|1234567/|1234:678|-| 12 |\t-7|- 5")
+      .split(edges, '|');
+  std::vector<std::string> texts = {""};
+  for (StrSegment e : edges) texts.emplace_back(e.data(), e.size());
   const char alphabet[] = "0123456789000999/:- \t+a";
   std::mt19937 rng(14);
   for (int round = 0; round < 20000; ++round) {
