@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <type_traits>
 
 #include "basicutil/BasicConversions.h"
 #include "basicutil/PrintFloatingPoint.h"

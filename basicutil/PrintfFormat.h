@@ -309,10 +309,10 @@ void emit(W &w, const PrintfRenderedUnsignedInteger &r) {
   w.fill(' ', r.right_blanks);
 }
 
-// Appends what write(dst) puts at dst, at most APPEND_IN_PLACE_MAX bytes, and returns the count
-// of. The room is made by an append of fixed length, which compiles to a few moves where one of
-// variable length would call memcpy; copying from a buffer on the stack would also stall on
-// store forwarding.
+// Appends the bytes that write(dst) puts at dst and counts in its result, at most
+// APPEND_IN_PLACE_MAX. The room is made by an append of fixed length, which compiles to a few
+// moves where one of variable length would call memcpy; copying from a buffer on the stack would
+// also stall on store forwarding.
 constexpr size_t APPEND_IN_PLACE_MAX = 32;
 extern const char APPEND_IN_PLACE_ROOM[APPEND_IN_PLACE_MAX];
 template <class Write>
