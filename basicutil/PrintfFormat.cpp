@@ -800,6 +800,25 @@ inline void renderAtom(Sink &sink, const PrintfFormatAtom &atom, va_list *ap, in
   MV_ASSERT(atom.conversion <= PrintfFormatAtom::CONV_POINTER);
 }
 
+// A "%d", "%i" or "%u" value, with or without "l" or "ll". Magnitudes by unsigned negation, so
+// that the most negative values have one too.
+struct BareInteger {
+  bool negative;
+  uint64_t magnitude;
+  size_t write(char *dst) const {
+    *dst = '-';
+    return negative + writeDecimalU64(dst + negative, magnitude);
+  }
+};
+
+inline BareInteger readBareInteger(char conversion, bool wide, va_list *ap) {
+  if (conversion == 'u')
+    return {false, wide ? va_arg(*ap, unsigned long long) : va_arg(*ap, unsigned)};
+  const long long v = wide ? va_arg(*ap, long long) : va_arg(*ap, int);
+  const uint64_t magnitude = static_cast<unsigned long long>(v);
+  return {v < 0, v < 0 ? 0 - magnitude : magnitude};
+}
+
 // The walks read the caller's own list through a pointer. The variadic entry points hand in the
 // list they started; copying it first would cost a store-forwarding stall on every call.
 // A conversion with no flags, width or precision ("%d", "%lu", "%s") renders exactly as its bare
@@ -816,21 +835,12 @@ __attribute__((always_inline)) inline size_t renderBare(Sink &sink, const char *
     if (++q != end && *q == 'l') ++q;
     if (q == end) return 0;
   }
-  // Magnitudes by unsigned negation, so that the most negative values have one too. All four
-  // conversions meet at one append, which the compiler then inlines once.
-  bool negative = false;
-  uint64_t magnitude;
+  BareInteger value;
   switch (*q) {
     case 'd':
-    case 'i': {
-      const long long v = wide ? va_arg(*ap, long long) : va_arg(*ap, int);
-      negative = v < 0;
-      magnitude = static_cast<unsigned long long>(v);
-      if (negative) magnitude = 0 - magnitude;
-      break;
-    }
+    case 'i':
     case 'u':
-      magnitude = wide ? va_arg(*ap, unsigned long long) : va_arg(*ap, unsigned);
+      value = readBareInteger(*q, wide, ap);
       break;
     case 's': {
       const char *s = va_arg(*ap, const char *);
@@ -842,10 +852,8 @@ __attribute__((always_inline)) inline size_t renderBare(Sink &sink, const char *
       return 0;
   }
   sink.beginConversion();
-  sink.inPlace([negative, magnitude](char *dst) {
-    *dst = '-';
-    return negative + writeDecimalU64(dst + negative, magnitude);
-  });
+  // All three meet at one append, which the compiler then inlines once.
+  sink.inPlace([value](char *dst) { return value.write(dst); });
   return static_cast<size_t>(q + 1 - start);
 }
 
@@ -1010,32 +1018,52 @@ void PrintfFormat::vrenderToCrashLog(crash_log_writer *writer, va_list ap,
 
 // ---- Str's formatting members ----
 
+namespace {
+
+// The walk for the variadic Str members, apart so that their fast path needs no frame.
+__attribute__((noinline)) void appendfWalk(Str &out, const char *format, va_list *ap) {
+  LazyErrno saved_errno;  // %m shows the caller's errno, and the caller keeps it
+  LazyErrnoStrSink sink{{out}, saved_errno};
+  walkCString(sink, format, ap, saved_errno);
+}
+
+// A format of one bare integer conversion and nothing else ("%d", "%lu"), into a Str with room:
+// the commonest format of all goes without the walk and its frame, and since nothing can
+// allocate, errno needs no keeping. False, having read no argument, for anything else.
+inline bool appendLoneInteger(Str &out, const char *format, va_list *ap) {
+  if (format[0] != '%') return false;
+  const char *q = format + 1;
+  const bool wide = *q == 'l';
+  if (wide) q += q[1] == 'l' ? 2 : 1;
+  if ((*q != 'd' && *q != 'i' && *q != 'u') || q[1] != '\0') return false;
+  if (out.capacity() - out.size() < printf_detail::APPEND_IN_PLACE_MAX) return false;
+  const BareInteger value = readBareInteger(*q, wide, ap);
+  printf_detail::appendInPlace(out, [value](char *dst) { return value.write(dst); });
+  return true;
+}
+
+}  // namespace
+
 Str::Str(FormatTag, const char *format, ...) {
-  LazyErrno saved_errno;
   va_list ap;
   va_start(ap, format);
-  LazyErrnoStrSink sink{{*this}, saved_errno};
-  walkCString(sink, format, &ap, saved_errno);
+  appendfWalk(*this, format, &ap);
   va_end(ap);
 }
 
 Str &Str::printf(const char *format, ...) {
-  LazyErrno saved_errno;
   clear();
   va_list ap;
   va_start(ap, format);
-  LazyErrnoStrSink sink{{*this}, saved_errno};
-  walkCString(sink, format, &ap, saved_errno);
+  if (!appendLoneInteger(*this, format, &ap)) appendfWalk(*this, format, &ap);
   va_end(ap);
   return *this;
 }
 
 Str &Str::appendf(const char *format, ...) {
-  LazyErrno saved_errno;  // %m shows the caller's errno, and the caller keeps it
   va_list ap;
   va_start(ap, format);
-  LazyErrnoStrSink sink{{*this}, saved_errno};
-  walkCString(sink, format, &ap, saved_errno);
+  if (!appendLoneInteger(*this, format, &ap)) appendfWalk(*this, format, &ap);
   va_end(ap);
   return *this;
 }
