@@ -55,7 +55,7 @@ namespace {
 inline bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 template <class S>
-bool signedFetch(const char *data, size_t len, S &out) {
+bool signedFetchChecked(const char *data, size_t len, S &out) {
   using U = std::make_unsigned_t<S>;
   if (data == nullptr || len == 0) return false;
   const char *p = data;
@@ -204,15 +204,17 @@ bool parseByteSizeImpl(const char *data, size_t len, uint64_t &out, bool binary)
 
 }  // namespace
 
-bool do_signed_fetch(const char *data, size_t len, int16_t &out) {
-  return signedFetch(data, len, out);
+namespace decimal_detail {
+bool signedFetchFull(const char *data, size_t len, int16_t &out) {
+  return signedFetchChecked(data, len, out);
 }
-bool do_signed_fetch(const char *data, size_t len, int32_t &out) {
-  return signedFetch(data, len, out);
+bool signedFetchFull(const char *data, size_t len, int32_t &out) {
+  return signedFetchChecked(data, len, out);
 }
-bool do_signed_fetch(const char *data, size_t len, int64_t &out) {
-  return signedFetch(data, len, out);
+bool signedFetchFull(const char *data, size_t len, int64_t &out) {
+  return signedFetchChecked(data, len, out);
 }
+}  // namespace decimal_detail
 
 bool fetchInBase(StrSegment text, int64_t &out, int base) { return fetchSigned64(text, out, base); }
 

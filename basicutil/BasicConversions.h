@@ -97,11 +97,130 @@ inline size_t writeDecimalI64(char *dst, int64_t v) {
 // ---------------------------------------------------------------------------------------------
 // Text to numbers
 
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+// The n (1 to 8) bytes at p in the low bytes of a word, the first lowest, zeros above. Two
+// loads that may overlap, so that nothing past the n bytes is read: short texts go to word and
+// vector code whole.
+inline uint64_t loadLowBytes(const void *p, size_t n) {
+  const char *c = static_cast<const char *>(p);
+  uint32_t lo, hi;
+  if (n >= 4) {
+    memcpy(&lo, c, 4);
+    memcpy(&hi, c + n - 4, 4);
+    return uint64_t(hi) << 8 * (n - 4) | lo;
+  }
+  uint16_t lo2, hi2;
+  if (n >= 2) {
+    memcpy(&lo2, c, 2);
+    memcpy(&hi2, c + n - 2, 2);
+    return uint64_t(hi2) << 8 * (n - 2) | lo2;
+  }
+  return static_cast<unsigned char>(*c);
+}
+#endif
+
+namespace decimal_detail {
+
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+// Eight digits in a word, first digit in the low byte, as a number; false when a byte isn't a
+// digit. The tests can't carry between bytes once every high nibble is 3.
+inline bool parseEightDigits(uint64_t w, uint64_t &out) {
+  constexpr uint64_t ones = 0x0101010101010101u;
+  if ((w & ones * 0xF0) != ones * 0x30 || ((w + ones * 6) & ones * 0xF0) != ones * 0x30)
+    return false;
+  w -= ones * '0';
+  w = (w * 10 + (w >> 8)) & 0x00FF00FF00FF00FFu;
+  w = (w * 100 + (w >> 16)) & 0x0000FFFF0000FFFFu;
+  out = (w * 10000 + (w >> 32)) & 0xFFFFFFFFu;
+  return true;
+}
+
+template <class T>
+inline T loadBytes(const char *p) {
+  T v;
+  memcpy(&v, p, sizeof v);
+  return v;
+}
+
+// The n (1 to 8) bytes at p as the last bytes of a word that '0's fill in front.
+inline uint64_t digitWord(const char *p, size_t n) {
+  const unsigned pad = 8 * static_cast<unsigned>(8 - n);
+  return loadLowBytes(p, n) << pad | (0x3030303030303030u & ((uint64_t(1) << pad) - 1));
+}
+#endif
+
+// The usual text: 1 to 19 digits and nothing else, which can't overflow 64 bits. False for
+// anything else, which the full parsers then take. Inline, since the call would cost as much.
+inline bool parseDigitsOnly(const char *p, size_t n, uint64_t &out) {
+  if (n - 1 >= 19) return false;
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  uint64_t v = 0, e;
+  if (n > 8) {
+    if (n > 16) {
+      if (!parseEightDigits(loadBytes<uint64_t>(p), v)) return false;
+      p += 8;
+      n -= 8;
+    }
+    const size_t head = n - 8;
+    if (!parseEightDigits(digitWord(p, head), e)) return false;
+    constexpr uint64_t pow10[9] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
+    v = v * pow10[head] + e;
+    p += head;
+    if (!parseEightDigits(loadBytes<uint64_t>(p), e)) return false;
+    out = v * 100000000 + e;
+    return true;
+  }
+  if (!parseEightDigits(digitWord(p, n), e)) return false;
+  out = e;
+  return true;
+#else
+  uint64_t v = 0;
+  for (size_t i = 0; i < n; ++i) {
+    const unsigned d = static_cast<unsigned char>(p[i]) - unsigned{'0'};
+    if (d > 9) return false;
+    v = v * 10 + d;
+  }
+  out = v;
+  return true;
+#endif
+}
+
+bool signedFetchFull(const char *data, size_t len, int16_t &out);
+bool signedFetchFull(const char *data, size_t len, int32_t &out);
+bool signedFetchFull(const char *data, size_t len, int64_t &out);
+
+template <class S>
+inline bool signedFetch(const char *data, size_t len, S &out) {
+  using U = std::make_unsigned_t<S>;
+  uint64_t v;
+  if (data != nullptr && len != 0) {
+    if (data[0] == '-') {
+      if (parseDigitsOnly(data + 1, len - 1, v) &&
+          v <= uint64_t(U(std::numeric_limits<S>::max())) + 1) {
+        out = static_cast<S>(U(0) - static_cast<U>(v));
+        return true;
+      }
+    } else if (parseDigitsOnly(data, len, v) && v <= uint64_t(std::numeric_limits<S>::max())) {
+      out = static_cast<S>(v);
+      return true;
+    }
+  }
+  return signedFetchFull(data, len, out);
+}
+
+}  // namespace decimal_detail
+
 // Decimal with an optional leading '-', blanks (space, TAB) around. "- 1" is -1: blanks after
 // the sign have always been accepted, and stay so. On failure out is unchanged.
-bool do_signed_fetch(const char *data, size_t len, int16_t &out);
-bool do_signed_fetch(const char *data, size_t len, int32_t &out);
-bool do_signed_fetch(const char *data, size_t len, int64_t &out);
+inline bool do_signed_fetch(const char *data, size_t len, int16_t &out) {
+  return decimal_detail::signedFetch(data, len, out);
+}
+inline bool do_signed_fetch(const char *data, size_t len, int32_t &out) {
+  return decimal_detail::signedFetch(data, len, out);
+}
+inline bool do_signed_fetch(const char *data, size_t len, int64_t &out) {
+  return decimal_detail::signedFetch(data, len, out);
+}
 
 // Through strtol and friends, so base 0 takes "0x" and "0" prefixes, and the signed forms take
 // '+' and '-'. Leading whitespace by the C library's table; trailing text fails. The unsigned
@@ -259,6 +378,10 @@ template <class U>
 requires std::is_unsigned_v<U> &&(sizeof(U) >= 2) &&
     (!std::is_same_v<U, bool>)inline bool parse_unsigned_val(const char *data, size_t len, U &out) {
   uint64_t v;
+  if (decimal_detail::parseDigitsOnly(data, len, v) && v <= std::numeric_limits<U>::max()) {
+    out = static_cast<U>(v);
+    return true;
+  }
   if (!parse_unsigned_val(data, data + len, v, std::numeric_limits<U>::max())) return false;
   out = static_cast<U>(v);
   return true;

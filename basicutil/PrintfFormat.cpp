@@ -574,6 +574,8 @@ void crashlog_write(crash_log_writer *w, const char *cstr) noexcept {
 
 namespace printf_detail {
 
+const char APPEND_IN_PLACE_ROOM[APPEND_IN_PLACE_MAX] = {};
+
 void CrashWriter::fill(char c, size_t n) {
   static const char BLANKS[32] = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ',
                                   ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ',
@@ -610,17 +612,79 @@ struct StrSink {
   void constant(const char *p, size_t n) { out.append(p, n); }
   void beginConversion() {}
   void text(const char *p, size_t n) { out.append(p, n); }
+  template <class Write>
+  void inPlace(Write write) {
+    printf_detail::appendInPlace(out, write);
+  }
   template <class R>
   void put(const R &r) {
     printf_detail::appendRendered(out, r);
   }
 };
 
+// The caller's errno, read only once something could change it. Rendering bare conversions
+// into a Str that has room touches nothing that sets errno, and reading it costs a call.
+class LazyErrno {
+ public:
+  void keep() {
+    if (_where == nullptr) {
+      _where = &errno;
+      _saved = *_where;
+    }
+  }
+  int saved() {
+    keep();
+    return _saved;
+  }
+  ~LazyErrno() {
+    if (_where != nullptr) *_where = _saved;
+  }
+
+ private:
+  int *_where = nullptr;
+  int _saved = 0;
+};
+
+// A StrSink that keeps errno before an append that could allocate.
+struct LazyErrnoStrSink {
+  StrSink plain;
+  LazyErrno &err;
+  void room(size_t n) {
+    if (plain.out.capacity() - plain.out.size() < n) err.keep();
+  }
+  void constant(const char *p, size_t n) {
+    room(n);
+    plain.constant(p, n);
+  }
+  void beginConversion() {}
+  void text(const char *p, size_t n) {
+    room(n);
+    plain.text(p, n);
+  }
+  template <class Write>
+  void inPlace(Write write) {
+    room(printf_detail::APPEND_IN_PLACE_MAX);
+    plain.inPlace(write);
+  }
+};
+
+template <class Sink>
+Sink &fullSink(Sink &sink) {
+  return sink;
+}
+StrSink &fullSink(LazyErrnoStrSink &sink) { return sink.plain; }
+int savedErrno(int saved_errno) { return saved_errno; }
+int savedErrno(LazyErrno &err) { return err.saved(); }
+
 struct StrVectorSink {
   StrVector &out;
   void constant(const char *, size_t) {}
   void beginConversion() { out.emplace_back(); }
   void text(const char *p, size_t n) { out.back().append(p, n); }
+  template <class Write>
+  void inPlace(Write write) {
+    printf_detail::appendInPlace(out.back(), write);
+  }
   template <class R>
   void put(const R &r) {
     printf_detail::appendRendered(out.back(), r);
@@ -634,6 +698,11 @@ struct CrashSink {
   }
   void beginConversion() {}
   void text(const char *p, size_t n) { constant(p, n); }
+  template <class Write>
+  void inPlace(Write write) {
+    char buf[printf_detail::APPEND_IN_PLACE_MAX];
+    constant(buf, write(buf));
+  }
   template <class R>
   void put(const R &r) {
     printf_detail::crashRendered(h, r);
@@ -731,6 +800,25 @@ inline void renderAtom(Sink &sink, const PrintfFormatAtom &atom, va_list *ap, in
   MV_ASSERT(atom.conversion <= PrintfFormatAtom::CONV_POINTER);
 }
 
+// A "%d", "%i" or "%u" value, with or without "l" or "ll". Magnitudes by unsigned negation, so
+// that the most negative values have one too.
+struct BareInteger {
+  bool negative;
+  uint64_t magnitude;
+  size_t write(char *dst) const {
+    *dst = '-';
+    return negative + writeDecimalU64(dst + negative, magnitude);
+  }
+};
+
+inline BareInteger readBareInteger(char conversion, bool wide, va_list *ap) {
+  if (conversion == 'u')
+    return {false, wide ? va_arg(*ap, unsigned long long) : va_arg(*ap, unsigned)};
+  const long long v = wide ? va_arg(*ap, long long) : va_arg(*ap, int);
+  const uint64_t magnitude = static_cast<unsigned long long>(v);
+  return {v < 0, v < 0 ? 0 - magnitude : magnitude};
+}
+
 // The walks read the caller's own list through a pointer. The variadic entry points hand in the
 // list they started; copying it first would cost a store-forwarding stall on every call.
 // A conversion with no flags, width or precision ("%d", "%lu", "%s") renders exactly as its bare
@@ -738,7 +826,8 @@ inline void renderAtom(Sink &sink, const PrintfFormatAtom &atom, va_list *ap, in
 // null for a NUL-terminated format. Returns the bytes consumed from q, or 0 to leave the
 // conversion to the full parser.
 template <class Sink>
-inline size_t renderBare(Sink &sink, const char *q, const char *end, va_list *ap) {
+__attribute__((always_inline)) inline size_t renderBare(Sink &sink, const char *q, const char *end,
+                                                        va_list *ap) {
   const char *const start = q;
   bool wide = false;
   if (*q == 'l') {
@@ -746,31 +835,12 @@ inline size_t renderBare(Sink &sink, const char *q, const char *end, va_list *ap
     if (++q != end && *q == 'l') ++q;
     if (q == end) return 0;
   }
-  char buf[DECIMAL_U64_MAX_DIGITS + 1];
-  char *const last = buf + sizeof buf;
-  char *first;
+  BareInteger value;
   switch (*q) {
     case 'd':
-    case 'i': {
-      // Magnitudes by unsigned negation, so the most negative values have one too.
-      bool negative;
-      if (wide) {
-        long long v = va_arg(*ap, long long);
-        negative = v < 0;
-        first = decimal_detail::writeDigitsBackward(
-            last, negative ? 0ull - static_cast<uint64_t>(v) : static_cast<uint64_t>(v));
-      } else {
-        int v = va_arg(*ap, int);
-        negative = v < 0;
-        first = decimal_detail::writeDigitsBackward(
-            last, negative ? 0u - static_cast<uint32_t>(v) : static_cast<uint32_t>(v));
-      }
-      if (negative) *--first = '-';
-      break;
-    }
+    case 'i':
     case 'u':
-      first = wide ? decimal_detail::writeDigitsBackward(last, va_arg(*ap, unsigned long long))
-                   : decimal_detail::writeDigitsBackward(last, va_arg(*ap, unsigned));
+      value = readBareInteger(*q, wide, ap);
       break;
     case 's': {
       const char *s = va_arg(*ap, const char *);
@@ -782,7 +852,8 @@ inline size_t renderBare(Sink &sink, const char *q, const char *end, va_list *ap
       return 0;
   }
   sink.beginConversion();
-  sink.text(first, static_cast<size_t>(last - first));
+  // All three meet at one append, which the compiler then inlines once.
+  sink.inPlace([value](char *dst) { return value.write(dst); });
   return static_cast<size_t>(q + 1 - start);
 }
 
@@ -821,9 +892,9 @@ void walkFormat(Sink &sink, StrSegment format, va_list *ap, int saved_errno) {
 
 // The C-string entry points: bare conversions and literal text are taken before the format's
 // length is known; anything else hands the rest to walkFormat.
-template <class Sink>
+template <class Sink, class Errno>
 __attribute__((always_inline)) inline void walkCString(Sink &sink, const char *p, va_list *ap,
-                                                       int saved_errno) {
+                                                       Errno &&saved_errno) {
   while (*p) {
     if (*p != '%') {
       const char *q = strchrnul(p, '%');
@@ -832,7 +903,7 @@ __attribute__((always_inline)) inline void walkCString(Sink &sink, const char *p
       continue;
     }
     size_t used = renderBare(sink, p + 1, nullptr, ap);
-    if (used == 0) return walkFormat(sink, StrSegment(p), ap, saved_errno);
+    if (used == 0) return walkFormat(fullSink(sink), StrSegment(p), ap, savedErrno(saved_errno));
     p += 1 + used;
   }
 }
@@ -947,36 +1018,53 @@ void PrintfFormat::vrenderToCrashLog(crash_log_writer *writer, va_list ap,
 
 // ---- Str's formatting members ----
 
+namespace {
+
+// The walk for the variadic Str members, apart so that their fast path needs no frame.
+__attribute__((noinline)) void appendfWalk(Str &out, const char *format, va_list *ap) {
+  LazyErrno saved_errno;  // %m shows the caller's errno, and the caller keeps it
+  LazyErrnoStrSink sink{{out}, saved_errno};
+  walkCString(sink, format, ap, saved_errno);
+}
+
+// A format of one bare integer conversion and nothing else ("%d", "%lu"), into a Str with room:
+// the commonest format of all goes without the walk and its frame, and since nothing can
+// allocate, errno needs no keeping. False, having read no argument, for anything else.
+inline bool appendLoneInteger(Str &out, const char *format, va_list *ap) {
+  if (format[0] != '%') return false;
+  const char *q = format + 1;
+  const bool wide = *q == 'l';
+  if (wide) q += q[1] == 'l' ? 2 : 1;
+  if ((*q != 'd' && *q != 'i' && *q != 'u') || q[1] != '\0') return false;
+  if (out.capacity() - out.size() < printf_detail::APPEND_IN_PLACE_MAX) return false;
+  const BareInteger value = readBareInteger(*q, wide, ap);
+  printf_detail::appendInPlace(out, [value](char *dst) { return value.write(dst); });
+  return true;
+}
+
+}  // namespace
+
 Str::Str(FormatTag, const char *format, ...) {
-  int saved_errno = errno;
   va_list ap;
   va_start(ap, format);
-  StrSink sink{*this};
-  walkCString(sink, format, &ap, saved_errno);
+  appendfWalk(*this, format, &ap);
   va_end(ap);
-  errno = saved_errno;
 }
 
 Str &Str::printf(const char *format, ...) {
-  int saved_errno = errno;
   clear();
   va_list ap;
   va_start(ap, format);
-  StrSink sink{*this};
-  walkCString(sink, format, &ap, saved_errno);
+  if (!appendLoneInteger(*this, format, &ap)) appendfWalk(*this, format, &ap);
   va_end(ap);
-  errno = saved_errno;
   return *this;
 }
 
 Str &Str::appendf(const char *format, ...) {
-  int saved_errno = errno;  // %m shows the caller's errno, and the caller keeps it
   va_list ap;
   va_start(ap, format);
-  StrSink sink{*this};
-  walkCString(sink, format, &ap, saved_errno);
+  if (!appendLoneInteger(*this, format, &ap)) appendfWalk(*this, format, &ap);
   va_end(ap);
-  errno = saved_errno;
   return *this;
 }
 

@@ -309,11 +309,32 @@ void emit(W &w, const PrintfRenderedUnsignedInteger &r) {
   w.fill(' ', r.right_blanks);
 }
 
+// Appends the bytes that write(dst) puts at dst and counts in its result, at most
+// APPEND_IN_PLACE_MAX. The room is made by an append of fixed length, which compiles to a few
+// moves where one of variable length would call memcpy; copying from a buffer on the stack would
+// also stall on store forwarding.
+constexpr size_t APPEND_IN_PLACE_MAX = 32;
+extern const char APPEND_IN_PLACE_ROOM[APPEND_IN_PLACE_MAX];
+template <class Write>
+inline void appendInPlace(Str &out, Write write) {
+  const size_t old = out.size();
+  out.append(APPEND_IN_PLACE_ROOM, APPEND_IN_PLACE_MAX);
+  out.erase(old + write(out.data() + old));
+}
+
 // Short results go through a stack buffer and one append; long ones are written in place.
 template <class R>
 void appendRendered(Str &out, const R &r) {
   size_t n = r.size();
   if (n <= 128) {
+    if (n <= APPEND_IN_PLACE_MAX) {
+      appendInPlace(out, [&](char *dst) {
+        MemoryWriter w{dst};
+        emit(w, r);
+        return n;
+      });
+      return;
+    }
     char buf[128];
     MemoryWriter w{buf};
     emit(w, r);

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "basicutil/BasicConversions.h"
 #include "basicutil/UnicodeTables.h"
 #include "libzero/fatal-assert.h"
 
@@ -478,75 +479,110 @@ inline uint32_t fold_caseless(uint32_t v) {
 // The C library's strcasecmp runs on AVX2 where the processor has it, and so does this.
 const bool caseless_avx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2") != 0);
 
-// caseless_ascii_prefix for n >= 32, 32 bytes at a time. 'A' to 'Z' are moved to the bottom of
-// the signed range, where one compare finds them; a last block may overlap bytes already found
-// good, which can't change the answer.
+// caseless_ascii_prefix for n >= 32, 64 bytes a round. 'A' to 'Z' are moved to the bottom of
+// the signed range, where one compare finds them. A byte is good when it is ASCII on both sides
+// and equal once folded; a last block may overlap bytes already found good, which can't change
+// the answer.
 __attribute__((target("avx2"))) size_t caseless_ascii_prefix_avx2(const uint8_t *a,
                                                                   const uint8_t *b, size_t n) {
   const __m256i shift = _mm256_set1_epi8(static_cast<char>(0x80 - 'A'));
   const __m256i past_z = _mm256_set1_epi8(static_cast<char>(-128 + 26));
   const __m256i case_bit = _mm256_set1_epi8(0x20);
-  auto bad = [&](size_t at) __attribute__((target("avx2"))) {
+  // High bit set in each good byte.
+  auto good = [&](size_t at) __attribute__((target("avx2"))) {
     const __m256i va = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a + at));
     const __m256i vb = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(b + at));
     const __m256i fa = _mm256_or_si256(
         va, _mm256_and_si256(_mm256_cmpgt_epi8(past_z, _mm256_add_epi8(va, shift)), case_bit));
     const __m256i fb = _mm256_or_si256(
         vb, _mm256_and_si256(_mm256_cmpgt_epi8(past_z, _mm256_add_epi8(vb, shift)), case_bit));
-    const unsigned eq = static_cast<unsigned>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(fa, fb)));
-    const unsigned high = static_cast<unsigned>(_mm256_movemask_epi8(_mm256_or_si256(va, vb)));
-    return ~(eq & ~high);
+    return _mm256_andnot_si256(_mm256_or_si256(va, vb), _mm256_cmpeq_epi8(fa, fb));
+  };
+  auto first_bad = [](__m256i g) __attribute__((target("avx2"))) {
+    return static_cast<size_t>(__builtin_ctz(~static_cast<unsigned>(_mm256_movemask_epi8(g))));
   };
   size_t i = 0;
-  for (; i + 32 <= n; i += 32) {
-    const unsigned m = bad(i);
-    if (m != 0) return i + static_cast<size_t>(__builtin_ctz(m));
+  for (; i + 64 <= n; i += 64) {
+    const __m256i g0 = good(i), g1 = good(i + 32);
+    if (static_cast<unsigned>(_mm256_movemask_epi8(_mm256_and_si256(g0, g1))) != 0xFFFFFFFFu) {
+      if (static_cast<unsigned>(_mm256_movemask_epi8(g0)) != 0xFFFFFFFFu) return i + first_bad(g0);
+      return i + 32 + first_bad(g1);
+    }
+  }
+  if (i + 32 <= n) {
+    const __m256i g = good(i);
+    if (static_cast<unsigned>(_mm256_movemask_epi8(g)) != 0xFFFFFFFFu) return i + first_bad(g);
+    i += 32;
   }
   if (i < n) {
-    const unsigned m = bad(n - 32);
-    if (m != 0) return n - 32 + static_cast<size_t>(__builtin_ctz(m));
+    const __m256i g = good(n - 32);
+    if (static_cast<unsigned>(_mm256_movemask_epi8(g)) != 0xFFFFFFFFu) return n - 32 + first_bad(g);
   }
   return n;
 }
 #endif
 
 // Bytes from the front that are ASCII on both sides and equal once folded: those decide nothing.
-inline size_t caseless_ascii_prefix(const uint8_t *a, const uint8_t *b, size_t n) {
+// This form, for n < 32, makes no call and needs no frame.
+__attribute__((always_inline)) inline size_t caseless_ascii_prefix_short(const uint8_t *a,
+                                                                         const uint8_t *b,
+                                                                         size_t n) {
+#if defined(__SSE2__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  // As in the AVX2 form. Short texts are loaded in overlapping halves, or in the low bytes of
+  // a zeroed block, so that nothing past the end is read; zeros are good on both sides.
+  auto good = [](__m128i va, __m128i vb) {
+    const __m128i shift = _mm_set1_epi8(static_cast<char>(0x80 - 'A'));
+    const __m128i past_z = _mm_set1_epi8(static_cast<char>(-128 + 26));
+    const __m128i case_bit = _mm_set1_epi8(0x20);
+    auto fold = [&](__m128i v) {
+      return _mm_or_si128(v,
+                          _mm_and_si128(_mm_cmpgt_epi8(past_z, _mm_add_epi8(v, shift)), case_bit));
+    };
+    return static_cast<unsigned>(_mm_movemask_epi8(
+        _mm_andnot_si128(_mm_or_si128(va, vb), _mm_cmpeq_epi8(fold(va), fold(vb)))));
+  };
+  auto load16 = [](const uint8_t *p) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+  };
+  auto halves = [](const uint8_t *p, size_t len) {
+    return _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(p)),
+                              _mm_loadl_epi64(reinterpret_cast<const __m128i *>(p + len - 8)));
+  };
+  unsigned g;
+  if (n >= 16) {
+    g = good(load16(a), load16(b));
+    if (g != 0xFFFF) return static_cast<size_t>(__builtin_ctz(~g));
+    g = good(load16(a + n - 16), load16(b + n - 16));
+    return g != 0xFFFF ? n - 16 + static_cast<size_t>(__builtin_ctz(~g)) : n;
+  }
+  if (n >= 8) {
+    // A bad byte in the upper half that the lower half also holds would have shown there.
+    g = good(halves(a, n), halves(b, n));
+    if (g == 0xFFFF) return n;
+    const size_t k = static_cast<size_t>(__builtin_ctz(~g));
+    return k < 8 ? k : n - 16 + k;
+  }
+  if (n == 0) return 0;
+  g = good(_mm_cvtsi64_si128(static_cast<long long>(loadLowBytes(a, n))),
+           _mm_cvtsi64_si128(static_cast<long long>(loadLowBytes(b, n))));
+  return g != 0xFFFF ? static_cast<size_t>(__builtin_ctz(~g)) : n;
+#else
   size_t i = 0;
+  while (i < n && (a[i] | b[i]) < 0x80 && ascii_lower(a[i]) == ascii_lower(b[i])) ++i;
+  return i;
+#endif
+}
+
+inline size_t caseless_ascii_prefix(const uint8_t *a, const uint8_t *b, size_t n) {
 #if defined(MORVEK_CASELESS_AVX2)
   if (n >= 32 && caseless_avx2) return caseless_ascii_prefix_avx2(a, b, n);
 #endif
-#ifdef __SSE2__
-  const __m128i below_a = _mm_set1_epi8('A' - 1), above_z = _mm_set1_epi8('Z' + 1);
-  const __m128i case_bit = _mm_set1_epi8(0x20);
-  auto fold = [&](__m128i v) {
-    // Signed compares are right for ASCII; high bytes are excluded separately.
-    const __m128i upper = _mm_and_si128(_mm_cmpgt_epi8(v, below_a), _mm_cmplt_epi8(v, above_z));
-    return _mm_or_si128(v, _mm_and_si128(upper, case_bit));
-  };
-  for (; i + 16 <= n; i += 16) {
-    const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a + i));
-    const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i *>(b + i));
-    const unsigned eq =
-        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(fold(va), fold(vb))));
-    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(va, vb)));
-    const unsigned good = eq & ~high & 0xFFFF;
-    if (good != 0xFFFF) return i + static_cast<size_t>(__builtin_ctz(~good));
-  }
-#endif
-  while (i < n && (a[i] | b[i]) < 0x80 && ascii_lower(a[i]) == ascii_lower(b[i])) ++i;
-  return i;
+  return caseless_ascii_prefix_short(a, b, n);
 }
 
-}  // namespace
-
-int mem_compare_caseless(const char *lhs_bytes, size_t lhsLen, const char *rhs_bytes,
-                         size_t rhsLen) {
-  if (lhsLen == 0) return rhsLen == 0 ? 0 : -1;
-  const uint8_t *lhs = bytes(lhs_bytes);
-  const uint8_t *rhs = bytes(rhs_bytes);
-  const uint8_t *const lhs_end = lhs + lhsLen;
-  const uint8_t *const rhs_end = rhs + rhsLen;
+// The comparison from a byte that is not ASCII on both sides, character by character.
+__attribute__((noinline)) int compare_caseless_from(const uint8_t *lhs, const uint8_t *lhs_end,
+                                                    const uint8_t *rhs, const uint8_t *rhs_end) {
   for (;;) {
     if (lhs >= lhs_end) {
       MV_ASSERT(lhs == lhs_end);
@@ -581,6 +617,36 @@ int mem_compare_caseless(const char *lhs_bytes, size_t lhsLen, const char *rhs_b
     if (fl == fr) continue;
     return fl < fr ? -1 : 1;
   }
+}
+
+// The answer once the first same bytes are ASCII and equal but for case.
+inline int compare_caseless_after(const uint8_t *lhs, size_t lhsLen, const uint8_t *rhs,
+                                  size_t rhsLen, size_t same) {
+  if (same == (lhsLen < rhsLen ? lhsLen : rhsLen))
+    return lhsLen == rhsLen ? 0 : (lhsLen < rhsLen ? -1 : 1);
+  const uint8_t a = lhs[same], b = rhs[same];
+  if ((a | b) < 0x80) return ascii_lower(a) < ascii_lower(b) ? -1 : 1;
+  return compare_caseless_from(lhs + same, lhs + lhsLen, rhs + same, rhs + rhsLen);
+}
+
+__attribute__((noinline)) int compare_caseless_long(const uint8_t *lhs, size_t lhsLen,
+                                                    const uint8_t *rhs, size_t rhsLen) {
+  return compare_caseless_after(lhs, lhsLen, rhs, rhsLen,
+                                caseless_ascii_prefix(lhs, rhs, lhsLen < rhsLen ? lhsLen : rhsLen));
+}
+
+}  // namespace
+
+// ASCII text settles in the block scan, the first ASCII difference too; the character loop
+// takes over at a high byte. Short texts go without a call, so without a frame.
+int mem_compare_caseless(const char *lhs_bytes, size_t lhsLen, const char *rhs_bytes,
+                         size_t rhsLen) {
+  if (lhsLen == 0) return rhsLen == 0 ? 0 : -1;
+  const uint8_t *lhs = bytes(lhs_bytes);
+  const uint8_t *rhs = bytes(rhs_bytes);
+  const size_t n = lhsLen < rhsLen ? lhsLen : rhsLen;
+  if (n >= 32) return compare_caseless_long(lhs, lhsLen, rhs, rhsLen);
+  return compare_caseless_after(lhs, lhsLen, rhs, rhsLen, caseless_ascii_prefix_short(lhs, rhs, n));
 }
 
 int mem_compare_caseless(const char *lhs, size_t lhsLen, const char *rhs) {

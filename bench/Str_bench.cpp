@@ -186,26 +186,6 @@ void BM_Split_Absl(benchmark::State &state) {
 BENCHMARK(BM_Split_Absl)->Name("StrSplit/csv_40_fields/absl");
 #endif
 
-const char *const kVersionPairs[][2] = {
-    {"libfoo-1.2.10.tar.gz", "libfoo-1.2.9.tar.gz"},
-    {"file0042.log", "file42.log"},
-    {"node-17-b", "node-17-a"},
-    {"release-2023-11-07", "release-2023-11-17"},
-};
-
-void BM_CompareNaturally(benchmark::State &state) {
-  for (auto _ : state) {
-    for (const auto &p : kVersionPairs)
-      benchmark::DoNotOptimize(morvek::compareNaturally(p[0], p[1]));
-  }
-}
-
-void BM_CompareNaturally_Strverscmp(benchmark::State &state) {
-  for (auto _ : state) {
-    for (const auto &p : kVersionPairs) benchmark::DoNotOptimize(strverscmp(p[0], p[1]));
-  }
-}
-
 std::vector<Str> &setWords(size_t n) {
   static std::vector<Str> words[2];
   std::vector<Str> &w = words[n == 16 ? 0 : 1];
@@ -269,8 +249,6 @@ BENCHMARK(BM_HasHighByte_ByteLoop)->Name("StrScan/has_high_byte/byte_loop");
 BENCHMARK(BM_ToUpper_Str)->Name("StrScan/to_upper_lower/Ours");
 BENCHMARK(BM_ToUpper_ByteLoop)->Name("StrScan/to_upper_lower/byte_loop");
 BENCHMARK(BM_Split_Str)->Name("StrSplit/csv_40_fields/Ours");
-BENCHMARK(BM_CompareNaturally)->Name("NaturalOrder/version_pairs/Ours");
-BENCHMARK(BM_CompareNaturally_Strverscmp)->Name("NaturalOrder/version_pairs/strverscmp");
 BENCHMARK(BM_StaticSetContains)->Name("StrHashSet/contains/Ours")->Arg(16)->Arg(1000);
 BENCHMARK(BM_UnorderedSetContains)->Name("StrHashSet/contains/unordered_set")->Arg(16)->Arg(1000);
 BENCHMARK_MAIN();
