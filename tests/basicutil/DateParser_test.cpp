@@ -165,6 +165,16 @@ TEST_F(DateParserTest, FindsTimeAndDateWithOffsets) {
   }
 }
 
+// The time fields a capture set gave, as "hour:minute[:second] [zone]" or "@epoch".
+std::string timeOf(const PR &pr) {
+  if (pr.have & PR::HAVE_EPOCH) return "@" + std::to_string(pr.epoch);
+  std::string s = std::to_string(pr.have & PR::HAVE_HOUR12 ? pr.hour12 + 12 * pr.pm : pr.hour) +
+                  ":" + std::to_string(pr.minute);
+  if (pr.have & PR::HAVE_SECOND) s += ":" + std::to_string(pr.second);
+  if (pr.have & PR::HAVE_TZNAM) s += " " + std::string(pr.tzname, pr.tzname_len);
+  return s;
+}
+
 TEST_F(DateParserTest, TimeCapturesScore) {
   const DateTimeCode HR = DTCODE_HOUR, MI = DTCODE_MINUTE, SE = DTCODE_SECOND,
                      SS = DTCODE_SUBSECOND, AP = DTCODE_AMPM, ZN = DTCODE_ZONE,
@@ -176,23 +186,22 @@ TEST_F(DateParserTest, TimeCapturesScore) {
     std::vector<std::pair<DateTimeCode, const char *>> parts;
     int score;
     uint32_t have;
-    int32_t hour, minute, second;
-    int64_t epoch;
+    const char *time;  // hour:minute[:second] [zone], or @epoch
   } cases[] = {
-      {{{HR, "12"}, {MI, "30"}, {AP, "PM"}}, 9, H12, 12, 30, 0, 0},
-      {{{HR, "12"}, {MI, "30"}}, 6, H24, 12, 30, 0, 0},
-      {{{HR, "3"}, {MI, "05"}, {AP, "午後"}}, 8, H12, 15, 5, 0, 0},
-      {{{HR, "25"}, {MI, "00"}}, -1, 0, 0, 0, 0, 0},
-      {{{HR, "10"}, {MI, "60"}}, -1, 0, 0, 0, 0, 0},
-      {{{HR, "10"}}, -1, 0, 0, 0, 0, 0},
-      {{{HR, "23"}, {MI, "59"}, {SE, "60"}, {SS, "5"}}, 10, H24 | SEC | SUB, 23, 59, 59, 0},
-      {{{HR, "10"}, {MI, "00"}, {ZN, "+2500"}}, 6, H24, 10, 0, 0, 0},
-      {{{HR, "10"}, {MI, "00"}, {ZN, "+05:30"}}, 13, H24 | TZ, 10, 0, 0, 0},
-      {{{HR, "10"}, {MI, "00"}, {ZN, "0530"}}, 11, H24 | TZ, 10, 0, 0, 0},
-      {{{HX, "65edb26f"}}, 4, EP, 0, 0, 0, 0x65edb26f},
-      {{{HX, "65edb26g"}}, -1, 0, 0, 0, 0, 0},
-      {{{UE, "1710053999"}, {SS, "25"}}, 4, EP | SUB, 0, 0, 0, 1710053999},
-      {{{UE, "@4000000065edb26f00000000"}}, 4, EP, 0, 0, 0, 0x65edb26f},
+      {{{HR, "12"}, {MI, "30"}, {AP, "PM"}}, 9, H12, "12:30"},
+      {{{HR, "12"}, {MI, "30"}}, 6, H24, "12:30"},
+      {{{HR, "3"}, {MI, "05"}, {AP, "午後"}}, 8, H12, "15:5"},
+      {{{HR, "25"}, {MI, "00"}}, -1, 0, ""},
+      {{{HR, "10"}, {MI, "60"}}, -1, 0, ""},
+      {{{HR, "10"}}, -1, 0, ""},
+      {{{HR, "23"}, {MI, "59"}, {SE, "60"}, {SS, "5"}}, 10, H24 | SEC | SUB, "23:59:59"},
+      {{{HR, "10"}, {MI, "00"}, {ZN, "+2500"}}, 6, H24, "10:0"},
+      {{{HR, "10"}, {MI, "00"}, {ZN, "+05:30"}}, 13, H24 | TZ, "10:0 +05:30"},
+      {{{HR, "10"}, {MI, "00"}, {ZN, "0530"}}, 11, H24 | TZ, "10:0 0530"},
+      {{{HX, "65edb26f"}}, 4, EP, "@1710076527"},
+      {{{HX, "65edb26g"}}, -1, 0, ""},
+      {{{UE, "1710053999"}, {SS, "25"}}, 4, EP | SUB, "@1710053999"},
+      {{{UE, "@4000000065edb26f00000000"}}, 4, EP, "@1710076527"},
   };
   TimeRegexList list;
   for (const Case &c : cases) {
@@ -205,24 +214,7 @@ TEST_F(DateParserTest, TimeCapturesScore) {
     ASSERT_EQ(list.parse(caps, r), c.score);
     if (c.score < 0) continue;
     EXPECT_EQ(r.pr.have, c.have);
-    if (r.pr.have & PR::HAVE_HOUR24) {
-      EXPECT_EQ(r.pr.hour, c.hour);
-    }
-    if (r.pr.have & PR::HAVE_HOUR12) {
-      EXPECT_EQ(r.pr.hour12 + 12 * r.pr.pm, c.hour);
-    }
-    if (r.pr.have & PR::HAVE_MINUTE) {
-      EXPECT_EQ(r.pr.minute, c.minute);
-    }
-    if (r.pr.have & PR::HAVE_SECOND) {
-      EXPECT_EQ(r.pr.second, c.second);
-    }
-    if (r.pr.have & PR::HAVE_EPOCH) {
-      EXPECT_EQ(r.pr.epoch, c.epoch);
-    }
-    if (r.pr.have & PR::HAVE_TZNAM) {
-      EXPECT_EQ(std::string(r.pr.tzname, r.pr.tzname_len), c.parts[2].second);
-    }
+    EXPECT_EQ(timeOf(r.pr), c.time);
   }
 }
 
