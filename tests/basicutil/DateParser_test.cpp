@@ -87,7 +87,6 @@ TEST_F(DateParserTest, ReaderErrorsNameTheLine) {
     const char *error;  // "" for success
   } cases[] = {
       {"# only a comment\n\n[time]\na (?<hour>\\d\\d):(?<minute>\\d\\d)\n", ""},
-      {"[time]\nlong (?<hour>\\d\\d)\n  :(?<minute>\\d\\d)  \n", ""},
       {"a (?<hour>\\d)\n", "src:1: entry outside a section"},
       {"[time]\n[dates]\n", "src:2: unknown section [dates]"},
       {"[date]\nx (?<day>\\d)\ny \\d\nx \\d\\d\n", "src:4: duplicate label x"},
