@@ -60,9 +60,7 @@ struct InterruptingTimer {
     sev.sigev_signo = SIGALRM;
     sev._sigev_un._tid = gettid();
     EXPECT_EQ(timer_create(CLOCK_MONOTONIC, &sev, &timer), 0);
-    struct itimerspec its {
-      {0, 200000}, { 0, 200000 }
-    };
+    struct itimerspec its = {{0, 200000}, {0, 200000}};
     EXPECT_EQ(timer_settime(timer, 0, &its, nullptr), 0);
   }
   ~InterruptingTimer() { timer_delete(timer); }
@@ -269,8 +267,7 @@ TEST(FileDescriptorText, NumbersAreDecimalAndDoublesPlain) {
 }
 
 TEST(FileDescriptorEtag, EncodesTimeInodeAndSize) {
-  struct stat a {
-  }, b{};
+  struct stat a = {}, b = {};
   a.st_mtim = {1, 500000};
   a.st_ino = 2;
   a.st_size = 3;

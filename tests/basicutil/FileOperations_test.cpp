@@ -114,8 +114,8 @@ ino_t inode(const Pathname &p) {
   return st.st_ino;
 }
 
-// Runs body in a child as nobody; its text (empty for success) comes back. Empty optional when
-// the drop isn't possible here.
+// Runs body in a child as nobody; its text (empty for success) comes back, "SKIP" when the
+// drop isn't possible here.
 std::string asNobody(const std::function<std::string()> &body) {
   int p[2];
   if (pipe(p) != 0) return "pipe";
@@ -281,9 +281,7 @@ TEST(FileOperationsRename, RetriesOnlyShortages) {
   // Out of descriptors, the cross-device copy can't make its temporary: EMFILE, retried.
   pid_t pid = fork();
   if (pid == 0) {
-    struct rlimit rl {
-      64, 64
-    };
+    struct rlimit rl = {64, 64};
     setrlimit(RLIMIT_NOFILE, &rl);
     // The retry's jitter checks the thread's dynamic type; UBSan verifies that through a pipe,
     // which it can't make once the descriptors are gone, so the check is made while it can.

@@ -3,6 +3,7 @@
 // engine promises instead; every other case must match byte for byte.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cfloat>
 #include <climits>
@@ -100,6 +101,7 @@ class Differential : public ::testing::Test {
     s.conv = conv;
     for (char f : flag_pool)
       if (coin(3)) s.flags += f;
+    std::shuffle(s.flags.begin(), s.flags.end(), rng);  // C reads flags in any order
     if (int w = pick(4); w == 0) {
       s.width = pick(25);
       if (s.width == 0) s.width = -1;  // a leading "0" would read as a flag

@@ -34,24 +34,6 @@ std::string sortable(const Timeval &t) {
   return s;
 }
 
-struct Recorder : LogObserver {
-  std::vector<std::string> lines;
-  void observeLogLine(const Str &line) override {
-    lines.push_back(std::string(line.segment().trimmed().view()));
-  }
-};
-
-// Records the "Timeval" channel for its lifetime.
-struct TimevalWarnings {
-  static Logger &channel() {
-    static Logger logger("Timeval");
-    return logger;
-  }
-  bool initialized = (Logger::initialize(), true);
-  Recorder rec;
-  ScopedLogObserverRegistration reg{&channel(), &rec};
-};
-
 using testutil::ScopedTz;
 
 TEST(TimevalSortable, FixedFormsReadBackAndRefusals) {
@@ -272,12 +254,22 @@ std::string fields(const struct tm &tm) {
 constexpr const char *FAR_FUTURE = "8099-11-31 23:59:59 w5 y364 dst-1";
 constexpr const char *FAR_PAST = "0-0-1 0:0:0 w1 y0 dst-1";
 
-TEST(TimevalBrokenDown, RefusalsWarnAndGiveTheFarValue) {
-  ScopedTz utc("UTC");
-  TimevalWarnings w;
+// In UTC, with New York at hand and the "Timeval" channel's warnings recorded.
+class TimevalBrokenDown : public testing::Test, LogObserver {
+ protected:
+  void SetUp() override { ASSERT_NE(ny, nullptr); }
+  void observeLogLine(const Str &line) override {
+    warnings.push_back(std::string(line.segment().trimmed().view()));
+  }
+  ScopedTz utc{"UTC"};
   const TimezoneData *ny = getTimezone("America/New_York");
-  ASSERT_NE(ny, nullptr);
+  std::vector<std::string> warnings;
+  bool initialized = (Logger::initialize(), true);
+  Logger channel{"Timeval"};
+  ScopedLogObserverRegistration reg{&channel, this};
+};
 
+TEST_F(TimevalBrokenDown, RefusalsWarnAndGiveTheFarValue) {
   LocalStructTm local;
   EXPECT_FALSE(local.fromUnixTime(32535244800));
   EXPECT_EQ(fields(local), FAR_FUTURE);
@@ -297,18 +289,14 @@ TEST(TimevalBrokenDown, RefusalsWarnAndGiveTheFarValue) {
   EXPECT_EQ(fields(gmt), FAR_FUTURE);
   EXPECT_TRUE(gmt.fromUnixTime(32535244799));
 
-  EXPECT_THAT(w.rec.lines,
+  EXPECT_THAT(warnings,
               ElementsAre("LocalStructTm::fromUnixTime(32535244800) failed!",
                           "LocalStructTmHires::fromUnixTime(-9223372036854775808) failed!",
                           "StructTmInTimezone::fromUnixTime(9223372036854775807) failed!",
                           "StructTmInTimezoneHires::fromUnixTime(32535244800) failed!"));
 }
 
-TEST(TimevalBrokenDown, BackToInstantsThroughGapsAndOverlaps) {
-  ScopedTz utc("UTC");
-  TimevalWarnings w;
-  const TimezoneData *ny = getTimezone("America/New_York");
-  ASSERT_NE(ny, nullptr);
+TEST_F(TimevalBrokenDown, BackToInstantsThroughGapsAndOverlaps) {
   auto local = [&](int isdst, int day, int hour, int min) {
     StructTmInTimezoneHires tm(ny);
     tm.tm_year = 124;
@@ -344,14 +332,14 @@ TEST(TimevalBrokenDown, BackToInstantsThroughGapsAndOverlaps) {
   ASSERT_TRUE(lh.fromUnixTime(Timeval(1710054000, 42)));
   EXPECT_EQ(show(lh.toUnixTime()), "1710054000,42");
 
-  EXPECT_THAT(w.rec.lines,
+  EXPECT_THAT(warnings,
               ElementsAre("StructTmInTimezoneHires::toUnixTime(2024-3-10 2:30:00) failed!",
                           "StructTmInTimezoneHires::toUnixTime(2024-11-3 1:30:00) failed!",
                           "GmtStructTm::toUnixTime(1969-12-31 23:59:59) failed!",
                           "GmtStructTm::toUnixTime(1970-1-1 0:00:-1) failed!"));
 }
 
-TEST(TimevalBrokenDown, ZoneWithoutTypes) {
+TEST_F(TimevalBrokenDown, ZoneWithoutTypes) {
   // A cleared table has neither transitions nor types: every instant is offset 0 with no name.
   TimezoneData empty;
   StructTmInTimezone tm(&empty);
@@ -362,12 +350,8 @@ TEST(TimevalBrokenDown, ZoneWithoutTypes) {
   EXPECT_EQ(show(tm.toUnixTime()), "1710054000,0");
 }
 
-}  // namespace
-
 // The record makers fill exactly the seven calendar fields, in UTC or in the zone's wall time.
-TEST(TimevalBrokenDown, RecordMakers) {
-  const TimezoneData *ny = getTimezone("America/New_York");
-  ASSERT_NE(ny, nullptr);
+TEST_F(TimevalBrokenDown, RecordMakers) {
   auto fields = [](const TimeFormatRawParseResult &r) {
     return std::vector<int>{r.year, r.month, r.monthday, r.weekday, r.hour, r.minute, r.second};
   };
@@ -386,3 +370,5 @@ TEST(TimevalBrokenDown, RecordMakers) {
   rawRecordFromTm(tm, r);
   EXPECT_EQ(fields(r), (std::vector<int>{2024, 2, 10, 0, 3, 0, 0}));
 }
+
+}  // namespace

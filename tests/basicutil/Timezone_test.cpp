@@ -193,16 +193,12 @@ TEST(TimezoneFile, EachLimitBrokenByOne) {
   // Each edit is made at the limit (o == 0) and one past it (o == 1).
   void (*const edits[])(TzifBuilder &, int) = {
       [](TzifBuilder &b, int o) { b.alternating(1200 + o); },
-      [](TzifBuilder &b, int o) {
-        b.types.resize(256 + o, {0, 0, 0});
-      },
+      [](TzifBuilder &b, int o) { b.types.resize(256 + o, b.types[0]); },
       [](TzifBuilder &b, int o) { b.chars.resize(270 + o, 'A'); },
       [](TzifBuilder &b, int o) { b.leaps = 500 + o; },
       [](TzifBuilder &b, int o) { b.isstd.assign(2 + o, 0); },  // 0 or typecnt of them
       [](TzifBuilder &b, int o) { b.isut.assign(2 - o, 1); },
-      [](TzifBuilder &b, int o) {
-        b.isstd = {1, uint8_t(1 + o)};
-      },
+      [](TzifBuilder &b, int o) { b.isstd.assign(2, uint8_t(1 + o)); },
       [](TzifBuilder &b, int o) { b.alternating(3).idx[2] = uint8_t(1 + o); },
       [](TzifBuilder &b, int o) { b.types[1].isdst = uint8_t(1 + o); },
       [](TzifBuilder &b, int o) { b.types[1].abbr = uint8_t(7 + o); },

@@ -12,6 +12,7 @@
 #include "basicutil/UnicodeTables.h"
 
 using namespace morvek;
+using testing::PrintToString;
 
 namespace {
 
@@ -90,7 +91,7 @@ TEST(Utf8Decoders, AccumulatorRestartsAndPopEdges) {
     UnicodeCodepoint u;
     std::string results;
     for (char by : bytes) results += u._accumulateUtf8Byte(static_cast<uint8_t>(by)) ? 't' : 'f';
-    EXPECT_EQ(results, want) << testing::PrintToString(bytes);
+    EXPECT_EQ(results, want) << PrintToString(bytes);
     EXPECT_TRUE(u.at_ground_state());
     EXPECT_EQ(u._cp, cp);
   }
@@ -112,13 +113,13 @@ TEST(Utf8Decoders, AccumulatorRestartsAndPopEdges) {
       {"\xE2\x82", false, 0, 0, false},
   };
   for (const Case &c : cases) {
+    SCOPED_TRACE(PrintToString(c.bytes));
     StrSegment seg(c.bytes);
     uint32_t cp = 0x12345;
-    EXPECT_EQ(popCodepoint(seg, cp), c.pops) << testing::PrintToString(c.bytes);
-    EXPECT_EQ(cp, c.pops ? c.cp : 0x12345u) << testing::PrintToString(c.bytes);
+    EXPECT_EQ(popCodepoint(seg, cp), c.pops);
+    EXPECT_EQ(cp, c.pops ? c.cp : 0x12345u);
     EXPECT_EQ(seg._data, c.bytes.data() + c.consumed);
-    EXPECT_EQ(isValidUtf8(c.bytes.data(), c.bytes.size()), c.valid)
-        << testing::PrintToString(c.bytes);
+    EXPECT_EQ(isValidUtf8(c.bytes.data(), c.bytes.size()), c.valid);
   }
 }
 
@@ -138,7 +139,7 @@ TEST(Utf8Decoders, AgreeOnEveryShortSequenceOverReducedAlphabet) {
       for (uint32_t cp : popped) surrogate |= cp >= 0xD800 && cp <= 0xDFFF;
       const bool clean = accumulate(s, accumulated);
       const bool valid = isValidUtf8(s.data(), s.size());
-      SCOPED_TRACE(testing::PrintToString(s));
+      SCOPED_TRACE(PrintToString(s));
       // Well-formed text: all three agree, and the walkers count it the same.
       ASSERT_EQ(clean, pops && !surrogate);
       if (clean) {
@@ -192,8 +193,7 @@ TEST(Utf8Walkers, CountTruncateAndRange) {
       // clang-format on
   };
   for (const auto &[bytes, n] : cases)
-    EXPECT_EQ(mem_count_utf8_codepoints(bytes.data(), bytes.size()), n)
-        << testing::PrintToString(bytes);
+    EXPECT_EQ(mem_count_utf8_codepoints(bytes.data(), bytes.size()), n) << PrintToString(bytes);
 
   const std::string e = "\xC3\xA9", euro = "\xE2\x82\xAC";
   // Ending exactly at the end leaves the text as it is; a broken tail is cut off.
@@ -206,7 +206,7 @@ TEST(Utf8Walkers, CountTruncateAndRange) {
   for (const auto &[bytes, n, len] : truncations) {
     StrSegment seg(bytes);
     utf8_character_count_truncate(seg, n);
-    EXPECT_EQ(seg._len, len) << testing::PrintToString(bytes) << " n=" << n;
+    EXPECT_EQ(seg._len, len) << PrintToString(bytes) << " n=" << n;
   }
 
   // Cutting by bytes never splits a character.
@@ -293,8 +293,7 @@ TEST(CaselessCompare, Edges) {
       {"\xE2\x82", "\xE2\x83", -1},
   };
   for (const auto &[l, r, result] : cases) {
-    EXPECT_EQ(caseless(l, r), result)
-        << testing::PrintToString(l) << " vs " << testing::PrintToString(r);
+    EXPECT_EQ(caseless(l, r), result) << PrintToString(l) << " vs " << PrintToString(r);
     EXPECT_EQ(sign(mem_compare_caseless(l.data(), l.size(), r.c_str())), result);
   }
 }
@@ -335,8 +334,7 @@ TEST(CaselessCompare, TotalOrderConsistentWithLowerCase) {
     const std::string a = random_text();
     const std::string b = rng() % 3 ? random_text() : upper(a);
     const int expected = sign(lower(a).compare(lower(b)));
-    ASSERT_EQ(caseless(a, b), expected)
-        << testing::PrintToString(a) << " vs " << testing::PrintToString(b);
+    ASSERT_EQ(caseless(a, b), expected) << PrintToString(a) << " vs " << PrintToString(b);
     ASSERT_EQ(caseless(b, a), -expected);
   }
 }
@@ -355,8 +353,8 @@ TEST(CaseConversion, WholeStrings) {
       // clang-format on
   };
   for (const auto &[src, up, low] : cases) {
-    EXPECT_EQ(upper(src), up) << testing::PrintToString(src);
-    EXPECT_EQ(lower(src), low) << testing::PrintToString(src);
+    EXPECT_EQ(upper(src), up) << PrintToString(src);
+    EXPECT_EQ(lower(src), low) << PrintToString(src);
   }
   Str same("gr\xC3\xBC\xC3\x9F\x65");
   utf8ToUpper(same, same);
@@ -379,7 +377,7 @@ TEST(CombiningMarks, Edges) {
   for (const auto &[in, out] : cases) {
     Str s(in);
     resolveUnicodeCombiningMarks(s);
-    EXPECT_EQ(s, out) << testing::PrintToString(in);
+    EXPECT_EQ(s, out) << PrintToString(in);
   }
   // Text with nothing to compose keeps its buffer.
   Str text(std::string(100, 'a') + "caf\xC3\xA9");

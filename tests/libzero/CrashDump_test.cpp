@@ -80,6 +80,15 @@ bool plainAllocator() {
 
 bool diedBy(int status, int sig) { return WIFSIGNALED(status) && WTERMSIG(status) == sig; }
 
+// Runs the victim and expects it killed by sig, leaving one crash log (none when told "-").
+Crash crashBy(int sig, const std::string &mode, const std::string &dir = testutil::makeTempDir(),
+              const std::string &arg = "") {
+  Crash c = runVictim(mode, dir, arg);
+  EXPECT_TRUE(diedBy(c.run.status, sig)) << mode << ": " << c.run.status << "\n" << c.run.err;
+  EXPECT_EQ(c.logs.size(), dir == "-" ? 0u : 1u) << mode << "\n" << c.run.err;
+  return c;
+}
+
 std::string lineAfter(const std::string &text, const std::string &prefix) {
   size_t p = text.find(prefix);
   if (p == std::string::npos) return "";
@@ -113,10 +122,8 @@ TEST(CrashDump, FatalSignalsLeaveOneCompleteReport) {
     SCOPED_TRACE(mode + " " + c.arg);
     if (mode == "heap-corruption" && !plain_allocator) continue;
     if (mode.find("stack-overflow") != std::string::npos && THREAD_SANITIZER) continue;
-    Crash crash = runVictim(c.mode, testutil::makeTempDir(), c.arg);
-    EXPECT_TRUE(diedBy(crash.run.status, c.sig)) << crash.run.status << "\n" << crash.run.err;
+    Crash crash = crashBy(c.sig, c.mode, testutil::makeTempDir(), c.arg);
     EXPECT_NE(crash.run.err.find(c.stderr_text), std::string::npos) << crash.run.err;
-    ASSERT_EQ(crash.logs.size(), 1u) << crash.run.err;
     const std::string log = crash.log();
     expectInOrder(log, {" Cause:\n", c.cause});
     expectInOrder(log, REPORT_BLOCKS);
@@ -167,10 +174,8 @@ TEST(CrashDump, UncaughtExceptionsAreReported) {
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.mode);
-    Crash crash = runVictim(c.mode);
-    EXPECT_TRUE(diedBy(crash.run.status, SIGABRT)) << crash.run.status;
+    Crash crash = crashBy(SIGABRT, c.mode);
     EXPECT_NE(crash.run.err.find(c.stderr_text), std::string::npos) << crash.run.err;
-    ASSERT_EQ(crash.logs.size(), 1u);
     std::vector<std::string> markers = {"\n Linux / "};
     markers.insert(markers.end(), c.report.begin(), c.report.end());
     markers.push_back("Last errno: ");
@@ -180,9 +185,7 @@ TEST(CrashDump, UncaughtExceptionsAreReported) {
 }
 
 TEST(CrashDump, WorkerThreadShowsItsDescriptionAndScopes) {
-  Crash crash = runVictim("thread-segv");
-  EXPECT_TRUE(diedBy(crash.run.status, SIGSEGV));
-  const std::string log = crash.log();
+  const std::string log = crashBy(SIGSEGV, "thread-segv").log();
   EXPECT_EQ(lineAfter(log, " Crashing thread: "), "victimworker");
   expectInOrder(
       log, {"Threads running: 2\n", "\na permanent note\n", "Thread: \"victimworker\", did_join=",
@@ -190,9 +193,7 @@ TEST(CrashDump, WorkerThreadShowsItsDescriptionAndScopes) {
   // The main thread's scopes belong to another thread's list.
   EXPECT_EQ(log.find("outer scope"), std::string::npos);
 
-  Crash fatal = runVictim("thread-fatal");
-  EXPECT_TRUE(diedBy(fatal.run.status, SIGABRT));
-  expectInOrder(fatal.log(),
+  expectInOrder(crashBy(SIGABRT, "thread-fatal").log(),
                 {"Dying on fatal thread error 22 from pthread_mutex_lock, thread victimworker\n",
                  "Thread: \"victimworker\""});
 }
@@ -203,27 +204,20 @@ TEST(CrashDump, ReportWithoutHeapDescriptorsOrFile) {
     Crash check = runVictim("alloc-check");  // the watch itself works
     ASSERT_TRUE(WIFEXITED(check.run.status) && WEXITSTATUS(check.run.status) == 99);
     ASSERT_NE(check.run.err.find("ALLOCATION DURING CRASH REPORT"), std::string::npos);
-    Crash crash = runVictim("no-malloc");
+    Crash crash = crashBy(SIGSEGV, "no-malloc");
     EXPECT_EQ(crash.run.err.find("ALLOCATION DURING CRASH REPORT"), std::string::npos);
-    EXPECT_TRUE(diedBy(crash.run.status, SIGSEGV)) << crash.run.status;
-    ASSERT_EQ(crash.logs.size(), 1u);
     expectInOrder(crash.log(), REPORT_BLOCKS);
   }
-  Crash crash = runVictim("fd-limit");
-  EXPECT_TRUE(diedBy(crash.run.status, SIGSEGV));
-  ASSERT_EQ(crash.logs.size(), 1u);
+  Crash crash = crashBy(SIGSEGV, "fd-limit");
   EXPECT_EQ(crash.log().rfind("(Out of file descriptors!)\n[build ", 0), 0u);
   expectInOrder(crash.log(), REPORT_BLOCKS);
 
-  crash = runVictim("segv-null", "-");
-  EXPECT_TRUE(diedBy(crash.run.status, SIGSEGV));
+  crash = crashBy(SIGSEGV, "segv-null", "-");
   expectInOrder(crash.run.err, REPORT_BLOCKS);
 }
 
 TEST(CrashDump, CorruptLoopingAndOverflowingReportsAreCut) {
-  Crash crash = runVictim("corrupt-list");
-  EXPECT_TRUE(diedBy(crash.run.status, SIGSEGV));
-  std::string log = crash.log();
+  std::string log = crashBy(SIGSEGV, "corrupt-list").log();
   expectInOrder(log, {"\nL\nL\n",
                       "Max crashlog notation count exceeded (1024), probably linked list of "
                       "notations corrupted. breaking out.\n",
@@ -234,7 +228,7 @@ TEST(CrashDump, CorruptLoopingAndOverflowingReportsAreCut) {
   EXPECT_EQ(loops, 1021u);
 
   const std::string overflowed = "Crash log has overflowed the allowed limit (512kB), truncated.\n";
-  crash = runVictim("looping");
+  Crash crash = runVictim("looping");
   ASSERT_TRUE(WIFEXITED(crash.run.status)) << crash.run.status;
   EXPECT_EQ(WEXITSTATUS(crash.run.status), 87);
   const std::string tail =
@@ -244,9 +238,7 @@ TEST(CrashDump, CorruptLoopingAndOverflowingReportsAreCut) {
   ASSERT_GT(log.size(), tail.size());
   EXPECT_EQ(log.substr(log.size() - tail.size()), tail);
 
-  crash = runVictim("overflow");
-  EXPECT_TRUE(diedBy(crash.run.status, SIGSEGV));
-  log = crash.log();
+  log = crashBy(SIGSEGV, "overflow").log();
   ASSERT_GT(log.size(), overflowed.size());
   EXPECT_EQ(log.substr(log.size() - overflowed.size()), overflowed);
   EXPECT_LT(log.size(), 524288u + overflowed.size());

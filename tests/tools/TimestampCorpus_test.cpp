@@ -76,12 +76,14 @@ TEST(TsNowText, ReadsEpochAndIsoForms) {
 }
 
 TEST(TsOptionsText, ReadsBothFormsAndRefusesBadValues) {
+  auto parse = [](const char *line, TsOptions &opts, std::vector<Str> &files, Str &error) {
+    std::vector<Str> words;
+    return splitWords(line, words) && parseOptions(words, opts, files, error);
+  };
   struct Case {
     const char *line;
-    const char *error_part;  // null: accepted
+    const char *error_part;
   } cases[] = {
-      {"--tz=UTC --now 2025-06-15T12:00:00Z -j 3 --epoch a.log - -- --b", nullptr},
-      {"--format='%d %b %Y' --prefix \"^\\w+ \"", nullptr},
       {"--bogus", "unknown option"},
       {"--lookahead", "needs a value"},
       {"--lookahead=ten", "want a number"},
@@ -90,26 +92,21 @@ TEST(TsOptionsText, ReadsBothFormsAndRefusesBadValues) {
       {"--max-days-ago=-1", "count of days"},
       {"--now=tomorrow", "bad --now"},
   };
-  for (const Case &c : cases) {
-    std::vector<Str> words, files;
-    ASSERT_TRUE(splitWords(c.line, words)) << c.line;
-    TsOptions opts;
-    Str error;
-    EXPECT_EQ(parseOptions(words, opts, files, error), c.error_part == nullptr) << c.line;
-    if (c.error_part != nullptr) {
-      EXPECT_NE(error.find(c.error_part), Str::npos) << error;
-    }
-  }
-  std::vector<Str> words, files;
-  ASSERT_TRUE(splitWords("--tz=UTC --now 2025-06-15T12:00:00Z -j 3 a.log - -- --b", words));
   TsOptions opts;
+  std::vector<Str> files, words;
   Str error;
-  ASSERT_TRUE(parseOptions(words, opts, files, error));
+  for (const Case &c : cases) {
+    EXPECT_FALSE(parse(c.line, opts, files, error)) << c.line;
+    EXPECT_NE(error.find(c.error_part), Str::npos) << error;
+  }
+  opts = TsOptions();
+  files.clear();
+  ASSERT_TRUE(parse("--tz=UTC --now 2025-06-15T12:00:00Z -j 3 a.log - -- --b", opts, files, error));
   EXPECT_TRUE(opts.has_tz && opts.tz == "UTC" && opts.has_now && opts.jobs == 3);
   EXPECT_EQ(opts.now, Timeval(1749988800, 0));
   EXPECT_EQ(files, (std::vector<Str>{"a.log", "-", "--b"}));
 
-  words.clear();
+  // Quotes; the corpus files' option lines use them too.
   ASSERT_TRUE(splitWords("--format='%d %b %Y' x\"y z\"", words));
   EXPECT_EQ(words, (std::vector<Str>{"--format=%d %b %Y", "xy z"}));
   EXPECT_FALSE(splitWords("--format='%d", words));
@@ -138,6 +135,7 @@ TEST(TsValidUtf8, MalformedBytesBecomeQuestionMarksInPlace) {
   }
 }
 
+// The everyday forms are shown end to end by the tool's script; here the rarer ones.
 TEST(TsColumn, IsoWithOffsetPrecisionAndMarks) {
   struct Case {
     bool ok, previous;
@@ -147,18 +145,14 @@ TEST(TsColumn, IsoWithOffsetPrecisionAndMarks) {
     bool epoch;
     const char *want;
   } cases[] = {
-      {true, false, 1710053999, 123000, 3, -18000, false, "2024-03-10T01:59:59.123-05:00"},
       {true, false, 1710054000, 0, 0, -14400, false, "2024-03-10T03:00:00-04:00"},
       {true, false, 1710054000, 0, -1, 0, false, "2024-03-10T07:00:00+00:00"},
       {true, false, 1710054000, 5, 9, 19800, false, "2024-03-10T12:30:00.000005000+05:30"},
       {true, false, 1710054000, 0, 0, -17762, false, "2024-03-10T02:03:58-04:56:02"},
       {true, false, -1, 500000, 1, 0, false, "1969-12-31T23:59:59.5+00:00"},
-      {true, true, 1710054000, 0, 0, 3600, false, "~2024-03-10T08:00:00+01:00"},
       {true, false, 1710054000, 0, 0, NOT_FIXED, false, "2024-03-10T07:00:00+00:00"},
       {false, false, 0, 0, 0, 0, false, "-"},
-      {true, false, 1710053999, 123000, 3, -18000, true, "1710053999.123"},
       {true, true, 1710054000, 0, -2, 0, true, "~1710054000"},
-      {false, false, 0, 0, 0, 0, true, "-"},
   };
   for (const Case &c : cases) {
     ParseDetails d{};

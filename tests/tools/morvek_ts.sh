@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
-# morvek-ts from the outside: every corpus file run as a user runs it, then the output forms,
-# -j, --events, standard input, other encodings and the error paths on a small pattern set.
+# morvek-ts from the outside (the corpus goes through the same code in TimestampCorpus): the
+# output forms, -j, --events, standard input, other encodings and the error paths.
 # Usage: morvek_ts.sh PATH_TO_MORVEK_TS
 set -euo pipefail
 tool="$1"
-root="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 tmp="$(mktemp -d)"
 trap 'rm -rf "$tmp"' EXIT
 fails=0
@@ -16,25 +15,11 @@ check() {  # name, expected, actual
 # Runs the tool; prints "rc=N lines=N" for stderr, so each error is one line and a status.
 status() { set +e; "$tool" "$@" >/dev/null 2>"$tmp/err"; local rc=$?; set -e; echo "rc=$rc lines=$(wc -l <"$tmp/err")"; }
 
-# The corpus: the "#!" options as command-line words, the lines on standard input.
-corpus_lines=0
-for f in "$root"/tests/corpus/timestamps/*.txt; do
-  [[ -e "$f" ]] || continue
-  eval "args=($(grep -m1 '^#!' "$f" | cut -c3- || true))"
-  grep -n $'\t' "$f" | grep -v '^[0-9]*:#' >"$tmp/entries" || true
-  cut -d: -f1 "$tmp/entries" >"$tmp/linenos"
-  cut -d: -f2- "$tmp/entries" | cut -f1 >"$tmp/want"
-  cut -d: -f2- "$tmp/entries" | cut -f2- >"$tmp/lines"
-  "$tool" "${args[@]}" <"$tmp/lines" | cut -f1 >"$tmp/got"
-  corpus_lines=$((corpus_lines + $(wc -l <"$tmp/lines")))
-  if ! cmp -s "$tmp/want" "$tmp/got"; then
-    fails=$((fails + 1))
-    paste "$tmp/linenos" "$tmp/want" "$tmp/got" |
-      awk -F'\t' -v f="${f#"$root"/}" '$2 != $3 { print "FAIL " f ":" $1 ": expected " $2 ", got " $3 }'
-  fi
-done
+# The shipped patterns are found without being named.
+check shipped "2024-03-10T07:00:00+00:00" \
+  "$(echo 'Mar 10 07:00:00 host sshd[1]: x' | "$tool" --tz UTC --now 2024-03-10T12:00:00Z | cut -f1)"
 
-# A small pattern set of our own, so the rest doesn't depend on the shipped one.
+# A small pattern set of our own, so the checks don't depend on the shipped one.
 cat >"$tmp/p.conf" <<'EOF'
 # test patterns
 [time]
@@ -98,6 +83,5 @@ check "bad prefix" "rc=1 lines=1" "$(status --patterns "$tmp/p.conf" --prefix '(
 check "bad option" "rc=2 lines=1" "$(status --frobnicate)"
 check "bad number" "rc=2 lines=1" "$(status -j many)"
 
-echo "morvek-ts: $corpus_lines corpus lines"
 [[ $fails -eq 0 ]] && echo "morvek-ts: all checks passed"
 exit "$fails"
