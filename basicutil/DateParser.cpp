@@ -144,6 +144,20 @@ int64_t absDiff(int64_t a, int64_t b) {
   return d < 0 ? -d : d;
 }
 
+// The pattern JIT-compiled without the callouts of the Regex layer; null when that fails. Log
+// text is often not valid UTF-8: such bytes must simply not match.
+pcre2_code *compileFast(StrSegment pattern) {
+  int err;
+  PCRE2_SIZE err_offset;
+  pcre2_code *code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
+                                   PCRE2_UTF | PCRE2_MATCH_INVALID_UTF, &err, &err_offset, nullptr);
+  if (code != nullptr && pcre2_jit_compile(code, PCRE2_JIT_COMPLETE) != 0) {
+    pcre2_code_free(code);
+    code = nullptr;
+  }
+  return code;
+}
+
 uint32_t codeOfName(StrSegment name) {
   static const char *const names[13] = {"year", "month",    "litmonth", "day",       "ampm",
                                         "hour", "minute",   "second",   "subsecond", "zone",
@@ -368,17 +382,7 @@ DateTimeRegex *DateTimeRegexes::add(DateTimeRegexList &list, StrSegment pattern,
     } catch (const RegexException &e) {
       logger.error("Cannot compile RE \"%s\": %s", key.c_str(), e.what());
     }
-    if (!owned->regex.empty()) {
-      // Log text is often not valid UTF-8: such bytes must simply not match.
-      int err;
-      PCRE2_SIZE err_offset;
-      owned->fast = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(key.data()), key.size(),
-                                  PCRE2_UTF | PCRE2_MATCH_INVALID_UTF, &err, &err_offset, nullptr);
-      if (owned->fast != nullptr && pcre2_jit_compile(owned->fast, PCRE2_JIT_COMPLETE) != 0) {
-        pcre2_code_free(owned->fast);
-        owned->fast = nullptr;
-      }
-    }
+    if (!owned->regex.empty()) owned->fast = compileFast(key);
     owned->codes.assign(owned->regex.getCaptureGroupCount(), DTCODE_IGNORED);
     for (const RegexNamedGroup &g : owned->regex.namedGroups()) {
       StrSegment name(g.name, g.name_len);
@@ -622,7 +626,10 @@ DateParser::DateParser(bool use_cache, DateTimeRegexes *set)
                        static_cast<int>(_guesser.max_hence_secs / 86400));
 }
 
-DateParser::~DateParser() { pcre2_match_data_free(_match_data); }
+DateParser::~DateParser() {
+  pcre2_match_data_free(_match_data);
+  pcre2_code_free(_prefix_fast);
+}
 
 void DateParser::setMode(int mode) { _mode = mode; }
 void DateParser::setLookahead(int32_t n) { _lookahead = n; }
@@ -630,9 +637,12 @@ void DateParser::setLookahead(int32_t n) { _lookahead = n; }
 bool DateParser::setPrefix(StrSegment regex) {
   if (regex.empty()) {
     _prefix.clear();
-    return true;
+  } else if (!_prefix.tryAssign(regex)) {
+    return false;
   }
-  return _prefix.tryAssign(regex);
+  pcre2_code_free(_prefix_fast);
+  _prefix_fast = _prefix.empty() ? nullptr : compileFast(regex);
+  return true;
 }
 
 bool DateParser::setFormat(StrSegment time_format) {
@@ -773,7 +783,12 @@ void DateParser::timeText(Str &out, const Timeval &t) {
 
 bool DateParser::prepareText(StrSegment &text, int32_t &shift) {
   shift = 0;
-  if (!_prefix.empty()) {
+  if (_prefix_fast != nullptr) {
+    if (!matchFast(_prefix_fast, text, 1)) return false;
+    size_t end = pcre2_get_ovector_pointer(_match_data)[1];
+    shift = static_cast<int32_t>(end);
+    text = text.substr(end);
+  } else if (!_prefix.empty()) {
     StrSegment rest;
     if (!_prefix.matchBase(text.data(), text.size(), nullptr, nullptr, &rest)) return false;
     shift = static_cast<int32_t>(rest.data() - text.data());
@@ -785,20 +800,27 @@ bool DateParser::prepareText(StrSegment &text, int32_t &shift) {
   return !text.empty();
 }
 
+int DateParser::matchFast(pcre2_real_code_8 *code, StrSegment text, uint32_t pairs) {
+  if (pairs > _match_pairs) {
+    pcre2_match_data_free(_match_data);
+    _match_pairs = std::max<uint32_t>(pairs, 16);
+    _match_data = pcre2_match_data_create(_match_pairs, nullptr);
+    if (_match_data == nullptr) {
+      _match_pairs = 0;
+      throw std::bad_alloc();
+    }
+  }
+  int rc = pcre2_match(code, reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(), 0, 0,
+                       _match_data, nullptr);
+  return rc < 0 ? 0 : rc;
+}
+
 bool DateParser::matchOne(DateTimeRegex &re, StrSegment text, int32_t &begin, int32_t &end) {
   DateTimeCaptures &c = _captures;
   const size_t groups = re.codes.size();
   if (re.fast != nullptr) {
-    uint32_t pairs = static_cast<uint32_t>(groups) + 1;
-    if (pairs > _match_pairs) {
-      pcre2_match_data_free(_match_data);
-      _match_data = pcre2_match_data_create(std::max<uint32_t>(pairs, 16), nullptr);
-      if (_match_data == nullptr) throw std::bad_alloc();
-      _match_pairs = std::max<uint32_t>(pairs, 16);
-    }
-    int rc = pcre2_match(re.fast, reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(), 0, 0,
-                         _match_data, nullptr);
-    if (rc < 0) return false;
+    int rc = matchFast(re.fast, text, static_cast<uint32_t>(groups) + 1);
+    if (rc <= 0) return false;
     const PCRE2_SIZE *ov = pcre2_get_ovector_pointer(_match_data);
     for (StrSegment &p : c.part) p = StrSegment();
     c.count = 0;

@@ -304,6 +304,8 @@ class DateParser {
   bool prepareText(StrSegment &text, int32_t &shift);
   bool runList(DateTimeRegexList &list, DateTimeListState &state, StrSegment text,
                DateTimeParseResult &result, int32_t &begin, int32_t &end, bool strict);
+  // The number of groups set plus one, 0 for no match; the offsets are in _match_data.
+  int matchFast(pcre2_real_code_8 *code, StrSegment text, uint32_t pairs);
   bool matchOne(DateTimeRegex &re, StrSegment text, int32_t &begin, int32_t &end);
   bool convert(Timeval &out, DateTimeParseResult &r, ParseDetails *details);
   bool formatParse(Timeval &out, StrSegment text, ParseDetails *details, int32_t &consumed);
@@ -323,6 +325,7 @@ class DateParser {
   DateTimeParseResult _cached_date_result;
   int _mode = 0;
   Regex _prefix;
+  pcre2_real_code_8 *_prefix_fast = nullptr;
   TimeFormat _format;
   DateParserGuesser _guesser;
   ParseDetails _details_cache;

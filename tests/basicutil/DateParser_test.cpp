@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "basicutil/Timezone.h"
@@ -565,6 +566,24 @@ TEST_F(DateParserTest, TzAliasSettings) {
   EXPECT_EQ(rec.count("Set timezone to: Asia/Tokyo"), 1u);
   EXPECT_FALSE(p.setDefaultZoneText("Nowhere/Atall"));
   EXPECT_EQ(rec.count("Invalid TZ string: Nowhere/Atall"), 1u);
+}
+
+TEST_F(DateParserTest, ParsersOfSeveralThreadsShareOneSet) {
+  testSet();  // built before the threads start
+  std::vector<std::thread> threads;
+  int wrong[3] = {0, 0, 0};
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([i, &wrong] {
+      Parser p;
+      Timeval out;
+      for (int n = 0; n < 2000; ++n) {
+        std::string line = "2024-03-10 0" + std::to_string(n % 10) + ":00:0" + std::to_string(i);
+        if (!p.parse(out, line, NOW) || out.seconds() % 60 != i) ++wrong[i];
+      }
+    });
+  }
+  for (std::thread &t : threads) t.join();
+  EXPECT_EQ(wrong[0] + wrong[1] + wrong[2], 0);
 }
 
 }  // namespace
