@@ -58,83 +58,40 @@ bool fixedDigits(StrSegment text, size_t &pos, int n, int &out) {
 
 bool fileExists(const Str &path) { return !path.empty() && access(path.c_str(), R_OK) == 0; }
 
-enum OptionKind { OPT_FLAG, OPT_TEXT, OPT_INT };
-
+// One option: a flag sets `flag`; a text goes to `text` and sets `flag` when there is one; a
+// number in [min, max] goes to `number`.
 struct OptionDef {
   const char *name;
-  OptionKind kind;
+  Str TsOptions::*text;
+  bool TsOptions::*flag;
+  int32_t TsOptions::*number;
+  int32_t min, max;
+  const char *range;  // what a number out of range is told
 };
+
+constexpr int32_t ANY_MAX = INT32_MAX;
 
 const OptionDef OPTIONS[] = {
-    {"--tz", OPT_TEXT},
-    {"--tz-alias", OPT_TEXT},
-    {"--now", OPT_TEXT},
-    {"--source", OPT_TEXT},
-    {"--format", OPT_TEXT},
-    {"--prefix", OPT_TEXT},
-    {"--patterns", OPT_TEXT},
-    {"--lookahead", OPT_INT},
-    {"--max-days-ago", OPT_INT},
-    {"--max-days-hence", OPT_INT},
-    {"-j", OPT_INT},
-    {"--jobs", OPT_INT},
-    {"--epoch", OPT_FLAG},
-    {"--events", OPT_FLAG},
-    {"--summary", OPT_FLAG},
-    {"--verbose", OPT_FLAG},
-    {"--help", OPT_FLAG},
-    {"-h", OPT_FLAG},
+    {"--tz", &TsOptions::tz, &TsOptions::has_tz, nullptr, 0, 0, nullptr},
+    {"--tz-alias", &TsOptions::tz_alias, &TsOptions::has_tz_alias, nullptr, 0, 0, nullptr},
+    {"--now", &TsOptions::now_text, &TsOptions::has_now, nullptr, 0, 0, nullptr},
+    {"--source", &TsOptions::source, &TsOptions::has_source, nullptr, 0, 0, nullptr},
+    {"--format", &TsOptions::format, nullptr, nullptr, 0, 0, nullptr},
+    {"--prefix", &TsOptions::prefix, nullptr, nullptr, 0, 0, nullptr},
+    {"--patterns", &TsOptions::patterns, nullptr, nullptr, 0, 0, nullptr},
+    {"--lookahead", nullptr, nullptr, &TsOptions::lookahead, -1, ANY_MAX, "-1 or a count of bytes"},
+    {"--max-days-ago", nullptr, nullptr, &TsOptions::max_days_ago, 0, ANY_MAX, "a count of days"},
+    {"--max-days-hence", nullptr, nullptr, &TsOptions::max_days_hence, 0, ANY_MAX,
+     "a count of days"},
+    {"-j", nullptr, nullptr, &TsOptions::jobs, 1, 256, "1 to 256"},
+    {"--jobs", nullptr, nullptr, &TsOptions::jobs, 1, 256, "1 to 256"},
+    {"--epoch", nullptr, &TsOptions::epoch, nullptr, 0, 0, nullptr},
+    {"--events", nullptr, &TsOptions::events, nullptr, 0, 0, nullptr},
+    {"--summary", nullptr, &TsOptions::summary, nullptr, 0, 0, nullptr},
+    {"--verbose", nullptr, &TsOptions::verbose, nullptr, 0, 0, nullptr},
+    {"--help", nullptr, &TsOptions::help, nullptr, 0, 0, nullptr},
+    {"-h", nullptr, &TsOptions::help, nullptr, 0, 0, nullptr},
 };
-
-bool applyOption(const Str &name, const Str &value, int32_t number, TsOptions &o, Str &error) {
-  if (name == "--tz") {
-    o.tz = value;
-    o.has_tz = true;
-  } else if (name == "--tz-alias") {
-    o.tz_alias = value;
-    o.has_tz_alias = true;
-  } else if (name == "--now") {
-    if (!parseNowText(value, o.now)) {
-      error.printf("bad --now \"%s\": want epoch seconds or ISO 8601", value.c_str());
-      return false;
-    }
-    o.has_now = true;
-  } else if (name == "--source") {
-    o.source = value;
-    o.has_source = true;
-  } else if (name == "--format") {
-    o.format = value;
-  } else if (name == "--prefix") {
-    o.prefix = value;
-  } else if (name == "--patterns") {
-    o.patterns = value;
-  } else if (name == "--lookahead") {
-    o.lookahead = number;
-  } else if (name == "--max-days-ago" || name == "--max-days-hence") {
-    if (number < 0) {
-      error.printf("bad %s %d: want a count of days", name.c_str(), number);
-      return false;
-    }
-    (name == "--max-days-ago" ? o.max_days_ago : o.max_days_hence) = number;
-  } else if (name == "-j" || name == "--jobs") {
-    if (number < 1 || number > 256) {
-      error.printf("bad %s %d: want 1 to 256", name.c_str(), number);
-      return false;
-    }
-    o.jobs = number;
-  } else if (name == "--epoch") {
-    o.epoch = true;
-  } else if (name == "--events") {
-    o.events = true;
-  } else if (name == "--summary") {
-    o.summary = true;
-  } else if (name == "--verbose") {
-    o.verbose = true;
-  } else {
-    o.help = true;
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -161,8 +118,9 @@ bool parseOptions(const std::vector<Str> &args, TsOptions &opts, std::vector<Str
       error.printf("unknown option \"%s\" (see --help)", arg.c_str());
       return false;
     }
+    const bool takes_value = def->text != nullptr || def->number != nullptr;
     Str value;
-    if (def->kind == OPT_FLAG) {
+    if (!takes_value) {
       if (eq != Str::npos) {
         error.printf("option %s takes no value", name.c_str());
         return false;
@@ -175,12 +133,24 @@ bool parseOptions(const std::vector<Str> &args, TsOptions &opts, std::vector<Str
       error.printf("option %s needs a value", name.c_str());
       return false;
     }
-    int32_t number = 0;
-    if (def->kind == OPT_INT && !parseInt32(value, number)) {
-      error.printf("bad %s \"%s\": want a number", name.c_str(), value.c_str());
+    if (def->number != nullptr) {
+      int32_t number = 0;
+      if (!parseInt32(value, number)) {
+        error.printf("bad %s \"%s\": want a number", name.c_str(), value.c_str());
+        return false;
+      }
+      if (number < def->min || number > def->max) {
+        error.printf("bad %s %d: want %s", name.c_str(), number, def->range);
+        return false;
+      }
+      opts.*def->number = number;
+    }
+    if (def->text != nullptr) opts.*def->text = value;
+    if (def->flag != nullptr) opts.*def->flag = true;
+    if (def->text == &TsOptions::now_text && !parseNowText(value, opts.now)) {
+      error.printf("bad --now \"%s\": want epoch seconds or ISO 8601", value.c_str());
       return false;
     }
-    if (!applyOption(name, value, number, opts, error)) return false;
   }
   return true;
 }

@@ -33,7 +33,8 @@ struct TsOptions {
   Str patterns;  // --patterns: a pattern file used instead of the shipped one
   bool has_tz = false, has_tz_alias = false, has_source = false;
   bool has_now = false;
-  Timeval now;  // --now: the event time given for every line
+  Str now_text;  // --now: the event time given for every line, as given
+  Timeval now;   // and as read
   int32_t lookahead = UNSET;
   int32_t max_days_ago = UNSET, max_days_hence = UNSET;
   bool epoch = false, events = false, summary = false, verbose = false, help = false;
