@@ -122,7 +122,7 @@ TEST(TsValidUtf8, MalformedBytesBecomeQuestionMarksInPlace) {
   } cases[] = {
       {"plain 12:00", nullptr},
       {"caf\xc3\xa9 \xe4\xb8\x80\xe6\x9c\x88 \xf0\x9f\x98\x80", nullptr},
-      {"a\xff" "b", "a?b"},
+      {"a\xff b", "a? b"},
       {"\xe2\x28\xa1", "?(?"},
       {"\xc0\xaf overlong", "?? overlong"},
       {"\xed\xa0\x80 surrogate", "??? surrogate"},
