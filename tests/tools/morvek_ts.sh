@@ -4,16 +4,7 @@
 # Usage: morvek_ts.sh PATH_TO_MORVEK_TS
 set -euo pipefail
 tool="$1"
-tmp="$(mktemp -d)"
-trap 'rm -rf "$tmp"' EXIT
-fails=0
-check() {  # name, expected, actual
-  if [[ "$2" != "$3" ]]; then
-    echo "FAIL $1"; echo "  expected: $2"; echo "  actual:   $3"; fails=$((fails + 1))
-  fi
-}
-# Runs the tool; prints "rc=N lines=N" for stderr, so each error is one line and a status.
-status() { set +e; "$tool" "$@" >/dev/null 2>"$tmp/err"; local rc=$?; set -e; echo "rc=$rc lines=$(wc -l <"$tmp/err")"; }
+source "$(dirname "$0")/tool_checks.sh"
 
 # The shipped patterns are found without being named.
 check shipped "2024-03-10T07:00:00+00:00" \
