@@ -10,6 +10,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "basicutil/BasicConversions.h"
@@ -104,10 +105,10 @@ TEST(FastPathDifferential, AsciiCaselessAgreesWithStrcasecmp) {
 // block scan may hand over at any offset, and what follows (multi-byte, broken, high bytes)
 // must come out as if the scan had not run.
 TEST(FastPathDifferential, CaselessAfterAnAsciiPrefixIsTheTailsOrder) {
-  const char *const pieces[] = {
+  const std::string_view pieces[] = {
       "a",        "Z",        "[",        "@",        "`",        "{", "\x7f",
       "\xc3\x89", "\xc3\xa9", "\xc4\x80", "\xc4\x81", "\xc4\xb0", "i", "\xe1\xba\x9e",
-      "\xc3\x9f", "\xc3",     "\xe2\x82", "\xff"};
+      "\xc3\x9f", "\xc3",     "\xe2\x82", "\xff",     {"\0", 1}};
   std::mt19937 rng(12);
   for (int round = 0; round < 20000; ++round) {
     std::string x, y, prefix;
