@@ -1021,25 +1021,48 @@ void PrintfFormat::vrenderToCrashLog(crash_log_writer *writer, va_list ap,
 namespace {
 
 // The walk for the variadic Str members, apart so that their fast path needs no frame.
-__attribute__((noinline)) void appendfWalk(Str &out, const char *format, va_list *ap) {
+__attribute__((noinline)) Str &appendfWalk(Str &out, const char *format, va_list *ap) {
   LazyErrno saved_errno;  // %m shows the caller's errno, and the caller keeps it
   LazyErrnoStrSink sink{{out}, saved_errno};
   walkCString(sink, format, ap, saved_errno);
+  return out;
 }
 
-// A format of one bare integer conversion and nothing else ("%d", "%lu"), into a Str with room:
-// the commonest format of all goes without the walk and its frame, and since nothing can
-// allocate, errno needs no keeping. False, having read no argument, for anything else.
-inline bool appendLoneInteger(Str &out, const char *format, va_list *ap) {
-  if (format[0] != '%') return false;
+// The conversion of a lone integer format ("%d", "%lu"): 'd', 'i' or 'u', with wide set for an
+// "l" or "ll"; 0 for anything else.
+inline char loneIntegerConversion(const char *format, bool &wide) {
+  if (format[0] != '%') return 0;
+  if (format[1] == 'd' && format[2] == '\0') return 'd';
   const char *q = format + 1;
-  const bool wide = *q == 'l';
+  wide = *q == 'l';
   if (wide) q += q[1] == 'l' ? 2 : 1;
-  if ((*q != 'd' && *q != 'i' && *q != 'u') || q[1] != '\0') return false;
-  if (out.capacity() - out.size() < printf_detail::APPEND_IN_PLACE_MAX) return false;
-  const BareInteger value = readBareInteger(*q, wide, ap);
-  printf_detail::appendInPlace(out, [value](char *dst) { return value.write(dst); });
-  return true;
+  return (*q == 'd' || *q == 'i' || *q == 'u') && q[1] == '\0' ? *q : 0;
+}
+
+// A lone integer into a Str that the caller found to have APPEND_IN_PLACE_MAX bytes of room.
+// The compiler is told so, and the append then has no growth path and needs no saved registers.
+__attribute__((noinline)) Str &appendBareInteger(Str &out, BareInteger value) {
+  constexpr size_t room = printf_detail::APPEND_IN_PLACE_MAX;
+  if (out.size() > out.max_size() - room || out.size() + room > out.capacity())
+    __builtin_unreachable();
+  const size_t old = out.size();
+  out.append(printf_detail::APPEND_IN_PLACE_ROOM, room);
+  const size_t n = value.write(out.data() + old);
+  if (n > room) __builtin_unreachable();
+  out.erase(old + n);
+  return out;
+}
+
+// The variadic members' body. A lone integer into a Str with room, the commonest format of all,
+// goes without the walk, and since nothing can allocate, errno needs no keeping. Both ways end
+// in a call whose result is returned, so nothing is kept across a call and the members need no
+// saved registers.
+__attribute__((always_inline)) inline Str &appendfBody(Str &out, const char *format, va_list *ap) {
+  bool wide = false;
+  const char conversion = loneIntegerConversion(format, wide);
+  if (conversion && out.capacity() - out.size() >= printf_detail::APPEND_IN_PLACE_MAX)
+    return appendBareInteger(out, readBareInteger(conversion, wide, ap));
+  return appendfWalk(out, format, ap);
 }
 
 }  // namespace
@@ -1055,17 +1078,17 @@ Str &Str::printf(const char *format, ...) {
   clear();
   va_list ap;
   va_start(ap, format);
-  if (!appendLoneInteger(*this, format, &ap)) appendfWalk(*this, format, &ap);
+  Str &out = appendfBody(*this, format, &ap);
   va_end(ap);
-  return *this;
+  return out;
 }
 
 Str &Str::appendf(const char *format, ...) {
   va_list ap;
   va_start(ap, format);
-  if (!appendLoneInteger(*this, format, &ap)) appendfWalk(*this, format, &ap);
+  Str &out = appendfBody(*this, format, &ap);
   va_end(ap);
-  return *this;
+  return out;
 }
 
 Str &Str::vprintf(const char *format, va_list ap) {
