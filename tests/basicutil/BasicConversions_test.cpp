@@ -52,7 +52,7 @@ TEST(DecimalParsing, FailureOutputsAndDefaults) {
   EXPECT_FALSE(morvek::parse_unsigned_val(text, text + 5, raw, 65535));
   EXPECT_EQ(raw, 7000u);
 
-  EXPECT_EQ(morvek::fetchOr("-3", 2, int64_t(0)), -3);
+  EXPECT_EQ(morvek::fetchOr(" \t-3", 4, int64_t(0)), -3);  // blanks before the sign
   EXPECT_EQ(morvek::fetchOr("70000", 5, uint16_t(1)), 1);
   EXPECT_EQ(morvek::fetchInBaseOr(StrSegment("ff"), uint32_t(1), 16), 255u);
   EXPECT_EQ(morvek::fetchInBaseOr(StrSegment("fg"), int64_t(-1), 16), -1);
