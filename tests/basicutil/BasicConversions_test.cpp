@@ -11,7 +11,6 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <string_view>
 
 namespace {
 
@@ -37,108 +36,42 @@ TEST(DecimalWriters, DigitCountsAtEveryBoundary) {
       ASSERT_EQ(std::string(buf, morvek::writeDecimalU32(buf, v32)), want);
     }
   }
-  char sbuf[morvek::DECIMAL_I64_MAX_CHARS];
-  for (int64_t v : {int64_t(-10), INT64_MIN, int64_t(INT32_MIN)}) {
-    ASSERT_EQ(std::string(sbuf, morvek::writeDecimalI64(sbuf, v)), std::to_string(v));
-    if (v >= INT32_MIN) {
-      ASSERT_EQ(std::string(sbuf, morvek::writeDecimalI32(sbuf, int32_t(v))), std::to_string(v));
-    }
-  }
 }
 
 using morvek::ByteSize;
 using morvek::Str;
 using morvek::StrSegment;
 
-template <class T>
-std::optional<T> unsignedVal(std::string_view s) {
-  T v{};
-  if (!morvek::parse_unsigned_val(s.data(), s.size(), v)) return std::nullopt;
-  return v;
-}
-
-template <class T>
-std::optional<T> signedVal(std::string_view s) {
-  T v{};
-  if (!morvek::do_signed_fetch(s.data(), s.size(), v)) return std::nullopt;
-  return v;
-}
-
-TEST(DecimalParsing, BlanksDigitsAndRanges) {
-  // Leading zeros go past the width where overflow becomes possible.
-  const std::pair<const char *, std::optional<uint16_t>> cases[] = {
-      // clang-format off
-      {"\t7 ", 7}, {"4 2", {}}, {" ", {}}, {"65535", 65535}, {"65536", {}}, {"+1", {}},
-      {"-0", {}}, {"0x10", {}}, {"5\n", {}}, {"000000000000000000000065535 ", 65535},
-      // clang-format on
-  };
-  for (const auto &[text, want] : cases) {
-    EXPECT_EQ(unsignedVal<uint16_t>(text), want) << text;
-    uint16_t v = 0;  // the explicit-limit form agrees
-    EXPECT_EQ(morvek::parse_unsigned_val(text, text + strlen(text), v, uint16_t(65535)),
-              want.has_value())
-        << text;
-  }
-  EXPECT_EQ(unsignedVal<uint64_t>("0000018446744073709551615"), UINT64_MAX);
-  EXPECT_EQ(unsignedVal<uint64_t>("18446744073709551616"), std::nullopt);
-  uint64_t big = 0;
-  const char *over = "18446744073709551616";
-  EXPECT_FALSE(morvek::parse_unsigned_val(over, over + 20, big, ~uint64_t(0)));
-  uint32_t small = 0;
-  EXPECT_FALSE(
-      morvek::parse_unsigned_val(over, over + 2, small, uint32_t(17)));  // 18 is over the limit
-
-  EXPECT_EQ(signedVal<int16_t>("-32769"), std::nullopt);
-  EXPECT_EQ(signedVal<int64_t>("9223372036854775808"), std::nullopt);
-  EXPECT_EQ(signedVal<int32_t>("- 1"), -1);  // kept looseness
-  for (const char *bad : {"-", "--1", "1-", "- "}) {
-    EXPECT_EQ(signedVal<int32_t>(bad), std::nullopt) << bad;
-  }
-}
-
+// What the parsers accept is checked against from_chars in the fast-path differential test.
 TEST(DecimalParsing, FailureOutputsAndDefaults) {
-  uint32_t u = 77;
-  EXPECT_FALSE(morvek::parse_unsigned_val("12x", 3, u));
-  EXPECT_EQ(u, 77u);
-  int16_t s = 77;
-  EXPECT_FALSE(morvek::do_signed_fetch("32768", 5, s));
-  EXPECT_EQ(s, 77);
+  uint32_t u = 0;
+  EXPECT_FALSE(morvek::parse_unsigned_val("5\n", 2, u));  // a newline is not a blank
   // The raw form keeps what it had read when the range ran out.
   uint64_t raw = 0;
   const char *text = "70000";
   EXPECT_FALSE(morvek::parse_unsigned_val(text, text + 5, raw, 65535));
   EXPECT_EQ(raw, 7000u);
 
-  EXPECT_EQ(morvek::fetchOr("-3", 2, int64_t(0)), -3);
+  EXPECT_EQ(morvek::fetchOr(" \t-3", 4, int64_t(0)), -3);  // blanks before the sign
   EXPECT_EQ(morvek::fetchOr("70000", 5, uint16_t(1)), 1);
   EXPECT_EQ(morvek::fetchInBaseOr(StrSegment("ff"), uint32_t(1), 16), 255u);
   EXPECT_EQ(morvek::fetchInBaseOr(StrSegment("fg"), int64_t(-1), 16), -1);
 }
 
-// Rendering then parsing gives the value back at every type boundary, through both families.
 template <class T>
-void roundTripBoundaries() {
+void appendNumberAtBoundaries() {
   using L = std::numeric_limits<T>;
-  for (T v : {L::min(), T(L::min() + 1), T(0), T(1), T(9), T(10), T(L::max() - 1), L::max()}) {
+  for (T v : {L::min(), T(L::min() + 1), T(0), T(9), T(10), L::max()}) {
     Str s;
     morvek::appendNumber(s, v);
-    ASSERT_EQ(s, std::to_string(v));
-    T back{};
-    std::conditional_t<std::is_signed_v<T>, int64_t, uint64_t> wide = 0;
-    if constexpr (std::is_signed_v<T>) {
-      ASSERT_TRUE(morvek::do_signed_fetch(s.data(), s.size(), back)) << s;
-    } else {
-      ASSERT_TRUE(morvek::parse_unsigned_val(s.data(), s.size(), back)) << s;
-    }
-    ASSERT_TRUE(morvek::fetchInBase(s, wide, 10)) << s;
-    ASSERT_EQ(back, v);
-    ASSERT_EQ(wide, v);
+    EXPECT_EQ(s, std::to_string(v));
   }
 }
 
-TEST(DecimalParsing, AppendNumberRoundTripsAtTypeBoundaries) {
-  roundTripBoundaries<int16_t>(), roundTripBoundaries<int32_t>(), roundTripBoundaries<int64_t>();
-  roundTripBoundaries<uint16_t>(), roundTripBoundaries<uint32_t>(), roundTripBoundaries<uint64_t>();
+TEST(DecimalWriters, AppendNumberAtTypeBoundaries) {
+  appendNumberAtBoundaries<int16_t>(), appendNumberAtBoundaries<int32_t>();
+  appendNumberAtBoundaries<int64_t>(), appendNumberAtBoundaries<uint16_t>();
+  appendNumberAtBoundaries<uint32_t>(), appendNumberAtBoundaries<uint64_t>();
 }
 
 // The base-honouring family defers to the C library: random texts must get the C library's
@@ -175,9 +108,14 @@ TEST(FetchInBase, AgreesWithCLibrary) {
   }
 }
 
-TEST(FetchInBase, NarrowFormsEmbeddedNulAndLongText) {
+TEST(FetchInBase, RangeEdgesEmbeddedNulAndLongText) {
+  int64_t s64 = 0;
+  uint64_t u64 = 0;
+  EXPECT_TRUE(morvek::fetchInBase("-9223372036854775808", s64, 10) && s64 == INT64_MIN);
+  EXPECT_TRUE(morvek::fetchInBase("18446744073709551615", u64, 10) && u64 == UINT64_MAX);
   int32_t s = 0;
   EXPECT_FALSE(morvek::fetchInBase("2147483648", s, 10));
+  EXPECT_FALSE(morvek::fetchInBase("-2147483649", s, 10));
   uint32_t u32 = 0;
   EXPECT_FALSE(morvek::fetchInBase("4294967296", u32, 10));
   EXPECT_FALSE(morvek::fetchInBase(StrSegment("12\0003", 4), u32, 10));
@@ -200,18 +138,12 @@ TEST(DoubleToInteger, BoundsAndExactness) {
       // clang-format on
   };
   for (const Case &c : cases) {
-    int16_t a;
-    int32_t b;
-    int64_t d;
-    uint16_t e;
-    uint32_t f;
-    uint64_t g;
-    const std::string got = {
-        "01"[morvek::doubleToInteger(c.v, a)], "01"[morvek::doubleToInteger(c.v, b)],
-        "01"[morvek::doubleToInteger(c.v, d)], "01"[morvek::doubleToInteger(c.v, e)],
-        "01"[morvek::doubleToInteger(c.v, f)], "01"[morvek::doubleToInteger(c.v, g)]};
+    auto accepts = [&](auto out) { return "01"[morvek::doubleToInteger(c.v, out)]; };
+    const std::string got = {accepts(int16_t()),  accepts(int32_t()),  accepts(int64_t()),
+                             accepts(uint16_t()), accepts(uint32_t()), accepts(uint64_t())};
     EXPECT_EQ(got, c.accepted) << c.v;
-    if (got[2] == '1') {
+    int64_t d = 0;
+    if (morvek::doubleToInteger(c.v, d)) {
       EXPECT_EQ(static_cast<double>(d), c.v);
     }
   }

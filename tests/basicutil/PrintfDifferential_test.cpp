@@ -38,17 +38,6 @@ std::string theirs(const char *fmt, ...) {
   return n < 0 ? std::string("<error>") : std::string(buf, std::min<size_t>(n, sizeof buf - 1));
 }
 
-std::string unwrap(const std::string &s) { return s.substr(1, s.size() - 2); }  // drops "<" ">"
-
-std::string group(const std::string &digits) {
-  std::string out;
-  for (size_t i = 0; i < digits.size(); ++i) {
-    if (i > 0 && (digits.size() - i) % 3 == 0) out += ',';
-    out += digits[i];
-  }
-  return out;
-}
-
 struct FormatCase {
   std::string flags, length;
   char conv = 'd';
@@ -57,15 +46,14 @@ struct FormatCase {
   int star_width = 0, star_precision = 0;
 
   bool has(char f) const { return flags.find(f) != std::string::npos; }
-  std::string format(const std::string &drop_flags = "", const char *len = nullptr,
-                     bool keep_width = true, bool keep_precision = true) const {
+  std::string format(const std::string &drop_flags = "", const char *len = nullptr) const {
     std::string f = "<%";
     for (char c : flags)
       if (drop_flags.find(c) == std::string::npos) f += c;
-    if (keep_width) f += width_star ? "*" : width >= 0 ? std::to_string(width) : "";
-    if (keep_precision && precision_star) f += ".*";
-    if (keep_precision && !precision_star && bare_dot) f += '.';
-    if (keep_precision && !precision_star && precision >= 0) f += "." + std::to_string(precision);
+    f += width_star ? "*" : width >= 0 ? std::to_string(width) : "";
+    if (precision_star) f += ".*";
+    if (!precision_star && bare_dot) f += '.';
+    if (!precision_star && precision >= 0) f += "." + std::to_string(precision);
     return f + (len ? len : length.c_str()) + conv + ">";
   }
   // The precision in force after the "*" arguments.
@@ -130,37 +118,20 @@ class Differential : public ::testing::Test {
   }
 };
 
-// The grouped form as promised: commas every three digits, precision counting the commas,
-// zeros after the sign, and a blank for " " that stays leftmost.
-std::string groupedModel(const FormatCase &s, const std::string &plain) {
-  const bool has_sign = !plain.empty() && std::strchr("-+ ", plain[0]) != nullptr;
-  const std::string sign = plain.substr(0, has_sign), body = group(plain.substr(has_sign));
-  const int prec = s.effectivePrecision();
-  const std::string digits = std::string(std::max<int>(0, prec - int(body.size())), '0') + body;
-  const size_t width = s.width_star ? std::abs(s.star_width) : std::max(s.width, 0);
-  const std::string pad(std::max(width, sign.size() + digits.size()) - sign.size() - digits.size(),
-                        ' ');
-  if (s.leftJustified()) return sign + digits + pad;
-  if (s.has('0') && !s.precision_star && s.precision < 0 && !s.bare_dot)
-    return sign + std::string(pad.size(), '0') + digits;
-  return pad + sign + digits;
-}
-
 TEST_F(Differential, Integers) {
   const int64_t edges[] = {0,    1,       255,     256,     -128,     32767,     65536,
                            1000, 1234567, INT_MAX, INT_MIN, UINT_MAX, LLONG_MAX, LLONG_MIN};
   const char *lengths[] = {"", "", "", "hh", "h", "l", "ll", "z", "j", "t", "q"};
   for (int iter = 0; iter < 20000; ++iter) {
-    FormatCase s = randomCase(" +-0#'", "diuxXo"[pick(6)]);
+    // Digit grouping, which C lacks, is checked by fixed cases.
+    FormatCase s = randomCase(" +-0#", "diuxXo"[pick(6)]);
     s.length = lengths[pick(11)];
     int64_t v = coin(3) ? edges[pick(std::size(edges))] : static_cast<int64_t>(rng() >> pick(64));
     if (coin(2)) v = static_cast<int64_t>(0 - static_cast<uint64_t>(v));
     const bool wide = s.length != "" && s.length != "h" && s.length != "hh";
     const int iv = static_cast<int>(v);
-    auto call = [&](auto fn, const std::string &f, bool with_stars = true) {
-      FormatCase plain = s;
-      if (!with_stars) plain.width_star = plain.precision_star = false;
-      return wide ? run(fn, plain, f, (long long)v) : run(fn, plain, f, iv);
+    auto call = [&](auto fn, const std::string &f) {
+      return wide ? run(fn, s, f, (long long)v) : run(fn, s, f, iv);
     };
     const std::string fmt = s.format(), got = call(OURS, fmt);
     const bool is_signed = s.conv == 'd' || s.conv == 'i';
@@ -187,30 +158,22 @@ TEST_F(Differential, Integers) {
       name("sizes 1 and 2 not narrowed");
       len = "";
     }
-    if (s.has('\'') && (is_signed || s.conv == 'u')) {
-      std::string plain = unwrap(call(THEIRS, s.format(drop + "'-0", len, false, false), false));
-      if (prec == 0 && zero) plain.clear();
-      name("digit grouping");
-      expectSame(cls, got, "<" + groupedModel(s, plain) + ">", fmt);
-    } else {
-      name("same as C");
-      expectSame(cls, got, call(THEIRS, s.format(drop, len)), fmt);
-    }
+    name("same as C");
+    expectSame(cls, got, call(THEIRS, s.format(drop, len)), fmt);
   }
   expectClassesSeen({"zero with precision 0 has no sign", "sizes 1 and 2 not narrowed",
-                     "zero flag dropped by a variable precision", "digit grouping"},
-                    10);
+                     "zero flag dropped by a variable precision"},
+                    5);
 }
 
-// Text, characters, pointers and %%.
-TEST_F(Differential, TextPointersAndLiterals) {
+// Text, characters and %%; pointers, where the engine differs, have fixed cases.
+TEST_F(Differential, TextAndLiterals) {
   const char *strings[] = {"", "a", "hello", "with blank", "0123456789abcdefghij"};
-  const uintptr_t pointers[] = {0, 1, 0x10, 0xdeadbeef, 0x7fffffffe123, UINTPTR_MAX};
-  for (int iter = 0; iter < 8000; ++iter) {
+  for (int iter = 0; iter < 6000; ++iter) {
     // %m and the literal "L" forms are checked by their fixed cases.
-    const int kind = pick(4);
-    FormatCase s = randomCase(kind == 1 ? "-0" : "-0 +#", "scp%"[kind]);
-    if (kind == 3) s.width_star = s.precision_star = false;
+    const int kind = pick(3);
+    FormatCase s = randomCase(kind == 1 ? "-0" : "-0 +#", "sc%"[kind]);
+    if (kind == 2) s.width_star = s.precision_star = false;
     const std::string fmt = s.format();
     if (kind == 0) {
       const char *str = strings[pick(5)];
@@ -218,28 +181,10 @@ TEST_F(Differential, TextPointersAndLiterals) {
     } else if (kind == 1) {
       int ch = coin(10) ? 0 : 32 + pick(95);
       expectSame("same as C", run(OURS, s, fmt, ch), run(THEIRS, s, fmt, ch), fmt);
-    } else if (kind == 2) {
-      void *p = reinterpret_cast<void *>(pointers[pick(6)]);
-      const std::string got = run(OURS, s, fmt, p);
-      std::string cls = "same as C", drop;
-      if (p && (s.has('+') || s.has(' '))) cls = "pointer takes no sign", drop = " +";
-      const int width = s.width_star ? s.star_width : s.width;
-      if (p && s.has('0') && s.effectivePrecision() >= 0 && !s.has('-') && width > 0) {
-        // The zero flag survives a precision on %p, unlike on the integers.
-        if (drop.empty()) cls = "pointer keeps zero padding with a precision";
-        FormatCase z = s;
-        z.width_star = false, z.width = -1;
-        std::string core = unwrap(run(THEIRS, z, z.format(drop + "0"), p));
-        if (width > static_cast<int>(core.size())) core.insert(2, width - core.size(), '0');
-        expectSame(cls, got, "<" + core + ">", fmt);
-      } else {
-        expectSame(cls, got, run(THEIRS, s, s.format(drop), p), fmt);
-      }
     } else {
       expectSame("same as C", ours(fmt.c_str()), theirs(fmt.c_str()), fmt);
     }
   }
-  expectClassesSeen({"pointer takes no sign"}, 10);
 }
 
 // The shortest digits that read back as x, found with the C library alone: the first precision

@@ -92,16 +92,6 @@ TEST(PrintfNoHeap, CounterSeesAllocations) {
 #endif
 }
 
-TEST(PrintfNoHeap, ParsingAllocatesNothing) {
-  morvek::StrSegment view(FORMAT);
-  morvek::PrintfFormatAtom atom;
-  long before = allocations.load();
-  int atoms = 0;
-  while (atom.getNext(view)) ++atoms;
-  EXPECT_EQ(allocations.load(), before);
-  EXPECT_GT(atoms, 30);
-}
-
 TEST(PrintfNoHeap, CrashSinkRenderingAllocatesNothing) {
   CountingWriter w;
   long before = allocations.load();
