@@ -39,10 +39,6 @@ std::string splitAll(const char *input, Sep sep, uint32_t limit, bool skipping) 
   }
   EXPECT_EQ(show(strs), show(segs));
   EXPECT_EQ(show(collect.got), show(segs));
-  for (const StrSegment &s : segs) {
-    EXPECT_TRUE(s.data() >= in.data() && s.data() + s.size() <= in.data() + in.size())
-        << "tokens are views into the input";
-  }
   return show(segs);
 }
 

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <bit>
 #include <cstdint>
-#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -44,21 +43,6 @@ const Utf8PropertyRow &property_row(uint32_t u) {
 
 uint32_t flags_of(uint32_t cp) { return property_row(u8(cp)).flags; }
 
-// The other-case form of a character in the way the table is meant to be read.
-uint32_t other_case(uint32_t cp) {
-  const uint32_t u = u8(cp);
-  const uint32_t flags = property_row(u).flags;
-  switch (flags & UNICODE_CASE_KIND) {
-    case UNICODE_CASE_ALTERNATING:
-      return u ^ 1;
-    case UNICODE_CASE_UPPER:
-    case UNICODE_CASE_LOWER:
-      return u ^ (flags & UNICODE_CASE_MASK);
-    default:
-      return u;
-  }
-}
-
 uint64_t key_of(std::initializer_list<int> bits) {
   uint64_t key = 0;
   for (int b : bits) key |= uint64_t{1} << b;
@@ -80,20 +64,6 @@ std::string bits_text(uint64_t key) {
 // ---------------------------------------------------------------------------
 // Property table
 
-TEST(UnicodePropertyTable, KeysAscendToSentinelInMaximalRuns) {
-  ASSERT_EQ(utf8_properties_count, 2140u);
-  EXPECT_EQ(utf8_properties[0].utf8bytes, 0xC280u);
-  EXPECT_EQ(utf8_properties[utf8_properties_count - 1].utf8bytes, 0xFFFFFFFFu);
-  EXPECT_EQ(utf8_properties[utf8_properties_count - 1].flags, 0u);
-  for (size_t i = 1; i < utf8_properties_count; ++i) {
-    EXPECT_LT(utf8_properties[i - 1].utf8bytes, utf8_properties[i].utf8bytes) << "row " << i;
-    // The sentinel may repeat the flags of the run before it.
-    if (i + 1 < utf8_properties_count) {
-      EXPECT_NE(utf8_properties[i - 1].flags, utf8_properties[i].flags) << "row " << i;
-    }
-  }
-}
-
 TEST(UnicodePropertyTable, RowsPerTopByte) {
   std::map<uint32_t, int> counts;
   for (const auto &row : utf8_properties) ++counts[row.flags >> 24];
@@ -114,14 +84,6 @@ TEST(UnicodePropertyTable, TellingRows) {
     EXPECT_EQ(row.utf8bytes, key) << std::hex << key << " does not start a row";
     EXPECT_EQ(row.flags, word) << std::hex << key;
   }
-}
-
-TEST(UnicodePropertyTable, CaseFormsMayChangeByteLength) {
-  // Micro sign to capital mu, dotted capital I to ASCII, Kelvin sign, capital sharp s.
-  const std::pair<uint32_t, uint32_t> cases[] = {
-      {0x00B5, 0xCE9C}, {0x0131, 'I'}, {0x212A, 'k'}, {0x1E9E, 0xC39F}, {0x1EA1, 0xE1BAA0}};
-  for (const auto &[cp, other] : cases) EXPECT_EQ(other_case(cp), other) << std::hex << cp;
-  EXPECT_EQ(flags_of(0x1E9E) & UNICODE_CASE_MASK, 0xE17901u);
 }
 
 TEST(UnicodePropertyTable, FlagsOfCharactersAsOf8_0) {
@@ -158,20 +120,12 @@ TEST(UnicodeCombiningTable, MarkListWithBits) {
       "E0A6BE:19 E0A797:20 E0A8BC:21 E0ACBC:25 E0ACBE:23 E0AD96:22 E0AD97:24 E0AEBE:27 "
       "E0AF97:26 E0B196:28 E0B382:31 E0B395:29 E0B396:30 E0B4BE:32 E0B597:33 E0B8B2:34 "
       "E0BAB2:35 E0BDB1:38 E0BE80:39 E0BEB5:37 E0BEB7:36 E38299:52 E3829A:53";
+  // One bit per mark and ascending keys are checked where the table is compiled.
   std::ostringstream got;
-  std::set<uint64_t> bits;
-  for (size_t i = 0; i < utf8_combiner_marks_count; ++i) {
-    const auto &m = utf8_combiner_marks[i];
-    ASSERT_EQ(std::popcount(m.flag), 1) << "mark " << i;
-    if (i > 0) {
-      got << ' ';
-      EXPECT_LT(utf8_combiner_marks[i - 1].utf8bytes, m.utf8bytes);
-    }
-    got << std::uppercase << std::hex << m.utf8bytes << ':' << std::dec << std::countr_zero(m.flag);
-    bits.insert(m.flag);
-  }
+  for (const auto &m : utf8_combiner_marks)
+    got << (got.tellp() > 0 ? " " : "") << std::uppercase << std::hex << m.utf8bytes << ':'
+        << std::dec << std::countr_zero(m.flag);
   EXPECT_EQ(got.str(), expected);
-  EXPECT_EQ(bits.size(), 61u);
 }
 
 TEST(UnicodeCombiningTable, KeysAndRuleCounts) {
@@ -191,7 +145,6 @@ TEST(UnicodeCombiningTable, KeysAndRuleCounts) {
   for (const auto &c : utf8_combiners)
     got += (got.empty() ? "" : " ") + bits_text(c.key) + "(" + std::to_string(c.nrules) + ")";
   EXPECT_EQ(got, expected);
-  EXPECT_EQ(utf8_combiner_rules_count, 923u);
 }
 
 TEST(UnicodeCombiningTable, TellingAndDeviationRows) {
@@ -231,18 +184,6 @@ TEST(UnicodeCombiningTable, CharactersNotReached) {
 
 // ---------------------------------------------------------------------------
 // Display width table
-
-TEST(CodepointWidthTable, RowCountsAndOrder) {
-  ASSERT_EQ(cpwidth_table_rows, 642u);
-  EXPECT_EQ(cpwidth_row_codepoint(cpwidth_table[0]), 0x7Fu);
-  EXPECT_EQ(cpwidth_row_width(cpwidth_table[0]), 0u);  // DEL itself is the caller's business
-  EXPECT_EQ(cpwidth_table[cpwidth_table_rows - 1], cpwidth_sentinel);
-  for (size_t i = 1; i < cpwidth_table_rows; ++i) {
-    EXPECT_LT(cpwidth_row_codepoint(cpwidth_table[i - 1]), cpwidth_row_codepoint(cpwidth_table[i]));
-    EXPECT_NE(cpwidth_row_width(cpwidth_table[i - 1]), cpwidth_row_width(cpwidth_table[i]))
-        << "row " << i;
-  }
-}
 
 TEST(CodepointWidthTable, WideRunsAreExactlyTheListedOnes) {
   const std::vector<std::pair<uint32_t, uint32_t>> runs = {
