@@ -290,7 +290,7 @@ TEST_F(DateParserTest, OutsideWindowAndBadZoneWarn) {
   EXPECT_EQ(rec.count("Ignored invalid timezone specifier \"+2500\"."), 1u);
 }
 
-TEST_F(DateParserTest, PatternUsedAloneAfterTenHits) {
+TEST_F(DateParserTest, PatternMemoryAndTies) {
   DateTimeRegexes set;
   set.addTime("(?<hour>\\d\\d):(?<minute>\\d\\d)");
   set.addTime("(?<hour>\\d\\d):(?<minute>\\d\\d):(?<second>\\d\\d)");
@@ -301,6 +301,12 @@ TEST_F(DateParserTest, PatternUsedAloneAfterTenHits) {
     ASSERT_TRUE(p.parse(out, "10:00:05 y", NOW));
     EXPECT_EQ(out.seconds() % 60, hits == 10 ? 0 : 5) << hits;
   }
+  // A pattern scoring the same at the same place does not displace the one listed before it.
+  set.addTime("(?<hour>\\d\\d):(?<minute>\\d\\d)(?= x)");
+  Parser p(&set, gmtTimezone());
+  Timeval out;
+  ASSERT_TRUE(p.parse(out, "10:00 x", NOW));
+  EXPECT_EQ(p.lastTimeRegex(), set.timeList().entries[0]);
 }
 
 TEST_F(DateParserTest, DateReuseOnlyWithShortGaps) {

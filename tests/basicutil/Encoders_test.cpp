@@ -58,7 +58,8 @@ TEST(UrlEncoding, DecodeKeepsOnlyValidUtf8) {
   } cases[] = {{"a+b%20c", true, "a b c"}, {"100%", true, "100%"},
                {"%FF", false, "%FF"},      {"%zz", true, "%zz"},
                {"%4", true, "%4"},         {"%c3%A9", true, "\xC3\xA9"},
-               {"%%41", true, "%A"},       {"%2f%3a%3F%39", true, "/:?9"}};
+               {"%%41", true, "%A"},       {"%2f%3a%3F%39", true, "/:?9"},
+               {"\xff", false, "\xff"}};
   for (const Case &c : cases) {
     Str s(c.in);
     EXPECT_EQ(morvek::urlDecodeInPlace(s), c.ok) << c.in;
