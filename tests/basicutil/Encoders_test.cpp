@@ -1,53 +1,25 @@
 // Base64 decoding, URL encoding, quoting and the binary appenders.
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 
 #include "basicutil/BasicConversions.h"
-#include "basicutil/UnicodeCodepoint.h"
 
 namespace {
 
 using morvek::Str;
 using morvek::StrSegment;
 
-// A plain encoder, so decoding is checked against an independent writer of the format.
-std::string referenceBase64(const std::string &in, bool pad) {
-  static const char *A = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  size_t i = 0;
-  for (; i + 3 <= in.size(); i += 3) {
-    uint32_t v =
-        uint32_t(uint8_t(in[i])) << 16 | uint32_t(uint8_t(in[i + 1])) << 8 | uint8_t(in[i + 2]);
-    for (int s = 18; s >= 0; s -= 6) out.push_back(A[(v >> s) & 63]);
-  }
-  const size_t rest = in.size() - i;
-  if (rest != 0) {
-    uint32_t v = uint32_t(uint8_t(in[i])) << 16;
-    if (rest == 2) v |= uint32_t(uint8_t(in[i + 1])) << 8;
-    out.push_back(A[(v >> 18) & 63]);
-    out.push_back(A[(v >> 12) & 63]);
-    if (rest == 2) out.push_back(A[(v >> 6) & 63]);
-    if (pad) out.append(rest == 1 ? "==" : "=");
-  }
-  return out;
-}
-
-TEST(Base64Decode, MatchesReferenceEncoderForEveryLength) {
-  std::mt19937 rng(7);
-  for (size_t len = 0; len <= 64; ++len) {
-    for (int round = 0; round < 8; ++round) {
-      std::string bytes;
-      for (size_t k = 0; k < len; ++k) bytes.push_back(static_cast<char>(rng()));
-      for (bool pad : {true, false}) {
-        const std::string text = referenceBase64(bytes, pad);
-        Str out("pre");
-        ASSERT_TRUE(morvek::base64Decode(out, text.data(), text.size())) << text;
-        ASSERT_EQ(out, "pre" + bytes) << text;
-      }
-    }
-  }
+TEST(Base64Decode, WholeAlphabet) {
+  using namespace std::string_literals;
+  // Every symbol once: each table entry and every bit of the regrouping shows in the result.
+  const char *all = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  Str out("pre");
+  ASSERT_TRUE(morvek::base64Decode(out, all, 64));
+  EXPECT_EQ(out,
+            "pre\x00\x10\x83\x10\x51\x87\x20\x92\x8b\x30\xd3\x8f\x41\x14\x93\x51\x55\x97\x61"
+            "\x96\x9b\x71\xd7\x9f\x82\x18\xa3\x92\x59\xa7\xa2\x9a\xab\xb2\xdb\xaf\xc3\x1c\xb3"
+            "\xd3\x5d\xb7\xe3\x9e\xbb\xf3\xdf\xbf"s);
 }
 
 TEST(Base64Decode, PaddingWhitespaceAndGarbage) {
@@ -55,10 +27,10 @@ TEST(Base64Decode, PaddingWhitespaceAndGarbage) {
     const char *text;
     bool ok;
     const char *decoded;  // what is appended either way
-  } cases[] = {{"QQ=", true, "A"},       {"QQ===", true, "A"},   {"Q Q=", false, ""},
-               {"QQ==QQ==", false, "A"}, {"Q", false, ""},       {"QUJDQ", false, "ABC"},
-               {"QUJD\n", false, "ABC"}, {"QUI=x", false, "AB"}, {"QU*D", false, "A"},
-               {"=", false, ""}};
+  } cases[] = {{"QQ", true, "A"},      {"QUI", true, "AB"},     {"QQ=", true, "A"},
+               {"QQ===", true, "A"},   {"Q Q=", false, ""},     {"QQ==QQ==", false, "A"},
+               {"Q", false, ""},       {"QUJDQ", false, "ABC"}, {"QUJD\n", false, "ABC"},
+               {"QUI=x", false, "AB"}, {"QU*D", false, "A"},    {"=", false, ""}};
   for (const Case &c : cases) {
     Str out;
     EXPECT_EQ(morvek::base64Decode(out, c.text, strlen(c.text)), c.ok) << c.text;
@@ -83,36 +55,15 @@ TEST(UrlEncoding, DecodeKeepsOnlyValidUtf8) {
     const char *in;
     bool ok;
     const char *after;
-  } cases[] = {{"a+b%20c", true, "a b c"}, {"100%", true, "100%"}, {"%FF", false, "%FF"},
-               {"%zz", true, "%zz"},       {"%4", true, "%4"},     {"%c3%A9", true, "\xC3\xA9"},
-               {"%%41", true, "%A"}};
+  } cases[] = {{"a+b%20c", true, "a b c"}, {"100%", true, "100%"},
+               {"%FF", false, "%FF"},      {"%zz", true, "%zz"},
+               {"%4", true, "%4"},         {"%c3%A9", true, "\xC3\xA9"},
+               {"%%41", true, "%A"},       {"%2f%3a%3F%39", true, "/:?9"},
+               {"\xff", false, "\xff"}};
   for (const Case &c : cases) {
     Str s(c.in);
     EXPECT_EQ(morvek::urlDecodeInPlace(s), c.ok) << c.in;
     EXPECT_EQ(s, c.after) << c.in;
-  }
-}
-
-TEST(UrlEncoding, RoundTripsRandomUtf8) {
-  std::mt19937 rng(11);
-  for (int round = 0; round < 2000; ++round) {
-    Str text;
-    const int n = static_cast<int>(rng() % 12);
-    for (int k = 0; k < n; ++k) {
-      uint32_t cp = rng() % 4 == 0 ? 0x20 + rng() % 0x5F : rng() % 0x110000;
-      if (cp >= 0xD800 && cp < 0xE000) cp = 'x';
-      if (cp < 0x80) {
-        text.push_back(static_cast<char>(cp));
-      } else {
-        morvek::Utf8CodepointWriter w;
-        text.append(w.data(), w._set(cp));
-      }
-    }
-    ASSERT_TRUE(morvek::isValidUtf8(text));
-    Str encoded = morvek::urlEncoded(text);
-    ASSERT_EQ(encoded.find_first_of(StrSegment("+ ")), Str::npos);
-    ASSERT_TRUE(morvek::urlDecodeInPlace(encoded));
-    ASSERT_EQ(encoded, text);
   }
 }
 

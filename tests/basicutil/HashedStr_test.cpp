@@ -16,7 +16,6 @@ uint64_t plainHash(const std::string &s, uint64_t h = 5381) {
 }
 
 TEST(TextHash, KnownValues) {
-  EXPECT_EQ(hashBytes("\xff", 1), 5381u * 33 - 1) << "bytes from 0x80 up count negative";
   size_t len = 99;
   EXPECT_TRUE(hashCString("hello world", len) == 0xc0943fd43551c8c1ull && len == 11);
   EXPECT_EQ(hashBytesCaseless("HeLLo World", 11), 0xc0943fd43551c8c1ull);

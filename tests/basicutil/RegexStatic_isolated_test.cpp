@@ -79,7 +79,6 @@ TEST(RegexStatic, Re2SwitchIsAStateOnly) {
     }
     EXPECT_NE(err.find(c.state == RE2_ENABLED ? "RE2 library enabled" : "RE2 library disabled"),
               std::string::npos);
-    EXPECT_TRUE(Regex("a+").matches("baa"));
   }
   unsetenv("MORVEK_RE2_REGEXES");
 }
