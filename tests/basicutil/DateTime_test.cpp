@@ -87,9 +87,12 @@ TEST(DateTimeCalendar, DaysAndWeeksOutsideTheYear) {
   r.week_sun = 0;
   EXPECT_FALSE(computeYdayFromYweek(r));
   r.week_sun = 1;
+  r.week_mon = 1;  // not read without its bit
   EXPECT_TRUE(computeYdayFromYweek(r));
   r.have &= ~TimeFormatRawParseResult::HAVE_WEEK_SUN;
   EXPECT_FALSE(computeYdayFromYweek(r));
+  r.have = TimeFormatRawParseResult::HAVE_YEAR | TimeFormatRawParseResult::HAVE_WEEK_SUN;
+  EXPECT_FALSE(computeYdayFromYweek(r));  // no weekday
 }
 
 TEST(DateTimeCalendar, AddMonthsClampsTheDay) {

@@ -137,6 +137,9 @@ TEST(TimeRender, FieldsNoZoneExplainsAndOutOfRange) {
   Str out;
   render(f, out, local, 0, TIME_RENDER_ZONE, ny);
   EXPECT_EQ(out, "[] -0400 1719806400");
+  out.clear();
+  render(TimeFormat("[%Z]"), out, local, 0, TIME_RENDER_LOCAL);  // the same for local time
+  EXPECT_EQ(out, "[]");
 }
 
 TEST(TimeRender, LocalTableAndAppending) {
@@ -146,10 +149,13 @@ TEST(TimeRender, LocalTableAndAppending) {
   renderLocal(f, out, Timeval(MONDAY, 0));
   EXPECT_EQ(out, "prefix 2024-03-11 18:08:09 +11 +11 1710140889");
 
-  // Past the year-3000 limit: the far value.
+  // Past the year-3000 limit and before what the platform takes: the far values.
   out.clear();
-  renderUtc(f, out, Timeval(32535244800, 0));
-  EXPECT_EQ(out.substr(0, 19), "9999-12-31 23:59:59");
+  renderUtc(TimeFormat("%F %T.%6N"), out, Timeval(32535244800, 5));
+  EXPECT_EQ(out, "9999-12-31 23:59:59.999999");
+  out.clear();
+  renderUtc(TimeFormat("%F %T.%6N"), out, Timeval(INT64_MIN, 5));
+  EXPECT_EQ(out, "1900-01-01 00:00:00.000000");
 }
 
 // ---- Differential against glibc's strftime. Where ours differs on purpose ("#" on names and

@@ -119,6 +119,7 @@ TEST(TimevalDecimal, ParsesSignedDecimals) {
       {"-9223372036854775807.5", "-9223372036854775808,500000"}, {"9223372036854775808", nullptr},
       {"-9223372036854775808.5", nullptr}, {".5", nullptr}, {"-.5", nullptr}, {"1.2.3", nullptr},
       {"", nullptr}, {" 1", nullptr}, {"1.5x", nullptr},
+      {"5x", nullptr},
       // clang-format on
   };
   for (const auto &[text, want] : cases) {
