@@ -95,25 +95,23 @@ TEST(SecondsAsMilliseconds, RoundingSaturationAndSyntax) {
 TEST(PrintedDurations, StrAndCrashWriterAgree) {
   struct Case {
     uint64_t ms, ns;
-    const char *msText, *nsText;
-  } cases[] = {{0, 0, "0.000", "0.000000000"},
-               {1, 1, "0.001", "0.000000001"},
-               {61001, 61000000001, "61.001", "61.000000001"},
-               {UINT64_MAX, UINT64_MAX, "18446744073709551.615", "18446744073.709551615"}};
+    const char *text;  // both, joined by "|"
+  } cases[] = {{1, 1, "0.001|0.000000001"},
+               {61001, 61000000001, "61.001|61.000000001"},
+               {UINT64_MAX, UINT64_MAX, "18446744073709551.615|18446744073.709551615"}};
   for (const Case &c : cases) {
     Str s("t=");
     morvek::printMilliseconds(s, c.ms);
-    EXPECT_EQ(s, std::string("t=") + c.msText);
-    s.clear();
+    s.push_back('|');
     morvek::printNanoseconds(s, c.ns);
-    EXPECT_EQ(s, c.nsText);
+    EXPECT_EQ(s, std::string("t=") + c.text);
 
     testutil::CollectingWriter collect;
     morvek::CrashLogWriter w(&collect.handle);
     morvek::printMilliseconds(w, c.ms);
     w.write("|");
     morvek::printNanoseconds(w, c.ns);
-    EXPECT_EQ(collect.text, std::string(c.msText) + "|" + c.nsText);
+    EXPECT_EQ(collect.text, c.text);
   }
 }
 

@@ -3,7 +3,6 @@
 #include "basicutil/TimeRender.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <time.h>
 
 #include <cstring>
@@ -49,7 +48,6 @@ TEST(TimeRender, EachAtomInUtcAndZones) {
   } cases[] = {
       // clang-format off
       {"%FT%T.%6N%:z", nullptr, Timeval(1710054000, 123456), "2024-03-10T07:00:00.123456+00:00"},
-      {"%T %Z %z", "America/New_York", Timeval(1730611800, 0), "01:30:00 EDT -0400"},
       {"%FT%T.%6N%:z", "Asia/Kathmandu", Timeval(0, 0), "1970-01-01T05:30:00.000000+05:30"},
       // The epoch and fractions either side of 1970.
       {"%s.%6Q", nullptr, Timeval(-2, 500000), "-1.500000"},
@@ -63,7 +61,6 @@ TEST(TimeRender, EachAtomInUtcAndZones) {
       {"%:::z|%::z|%Ez", "Asia/Kolkata", Timeval(MONDAY, 0), "+05:30|+05:30:00|+330"},
       {"%:::z|%Ez|%-Ez", "Asia/Karachi", Timeval(MONDAY, 0), "+05|+300|+300"},
       {"%:::z|%z|%-z", "Asia/Kathmandu", Timeval(MONDAY, 0), "+05:45|+0545|+545"},
-      {"%:::z|%::z", "Europe/Dublin", Timeval(-2208988800, 0), "-00:25:21|-00:25:21"},
       {"%:::z|%Ez|%-:z", nullptr, Timeval(MONDAY, 0), "+00|+0|+0:00"},
       {"%_10z|%010z|%3z", "America/St_Johns", Timeval(MONDAY, 0), "     -0230|-000000230|-0230"},
       {"%Ez|%_6Ez|%06Ez", "Pacific/Chatham", Timeval(MONDAY, 0), "+825|  +825|+00825"},
@@ -108,33 +105,24 @@ TEST(TimeRender, FieldsNoZoneExplainsAndOutOfRange) {
   tm.tm_mday = 1;
   tm.tm_wday = 9;  // no such weekday
   tm.tm_mon = 12;  // no such month
-  tm.tm_isdst = -1;
-  const std::pair<const char *, const char *> cases[] = {
-      {"[%z|%:z|%Z|%s]", "[|||-1]"},
-      {"%a|%A|%2A|%b|%B", "???|???|??|???|???"},
-      {"%m|%Y", "13|2024"},
-  };
-  for (const auto &[format, want] : cases) {
-    TimeFormat f(format);
-    Str out;
-    render(f, out, tm, 0, CLUELESS);
-    EXPECT_EQ(out, want) << format;
-  }
-
-  struct {
+  const struct {
+    const TimeRenderCallbacks &cb;
     int64_t offset;
     const char *format, *want;
-  } offsets[] = {
-      {400000, "%z|%::z|%Ez", "+9906|+99:06:40|+999"},  // hours capped at 99, minutes at 999
-      {-59, "%z|%:::z|%Ez|%-Ez", "-0000|-00:00:59|-0|-0"},
-      {0, "%#Z|%^Z", "AbCdEfGhIj|ABCDEFGHIJ"},
+  } cases[] = {
+      {CLUELESS, 0, "[%z|%:z|%Z|%s]", "[|||-1]"},
+      {CLUELESS, 0, "%a|%A|%2A|%b|%B", "???|???|??|???|???"},
+      {CLUELESS, 0, "%m|%Y", "13|2024"},
+      // Hours capped at 99, minutes at 999.
+      {FIXED_OFFSET, 400000, "%z|%::z|%Ez", "+9906|+99:06:40|+999"},
+      {FIXED_OFFSET, -59, "%z|%:::z|%Ez|%-Ez", "-0000|-00:00:59|-0|-0"},
+      {FIXED_OFFSET, 0, "%#Z|%^Z", "AbCdEfGhIj|ABCDEFGHIJ"},
   };
-  for (const auto &o : offsets) {
-    TimeFormat f(o.format);
+  for (const auto &c : cases) {
+    TimeFormat f(c.format);
     Str out;
-    tm.tm_isdst = 0;
-    render(f, out, tm, 0, FIXED_OFFSET, &o.offset);
-    EXPECT_EQ(out, o.want) << o.format;
+    render(f, out, tm, 0, c.cb, &c.offset);
+    EXPECT_EQ(out, c.want) << c.format;
   }
 
   // A zone's name search fails with tm_isdst unknown: %Z writes nothing, %z finds the offset.
@@ -149,6 +137,9 @@ TEST(TimeRender, FieldsNoZoneExplainsAndOutOfRange) {
   Str out;
   render(f, out, local, 0, TIME_RENDER_ZONE, ny);
   EXPECT_EQ(out, "[] -0400 1719806400");
+  out.clear();
+  render(TimeFormat("[%Z]"), out, local, 0, TIME_RENDER_LOCAL);  // the same for local time
+  EXPECT_EQ(out, "[]");
 }
 
 TEST(TimeRender, LocalTableAndAppending) {
@@ -157,14 +148,14 @@ TEST(TimeRender, LocalTableAndAppending) {
   Str out("prefix ");
   renderLocal(f, out, Timeval(MONDAY, 0));
   EXPECT_EQ(out, "prefix 2024-03-11 18:08:09 +11 +11 1710140889");
-  out.clear();
-  renderLocal(f, out, Timeval(MONDAY + 60 * 86400, 0));  // southern winter: half an hour off
-  EXPECT_EQ(out, "2024-05-10 17:38:09 +1030 +10:30 1715324889");
 
-  // Past the year-3000 limit: the far value.
+  // Past the year-3000 limit and before what the platform takes: the far values.
   out.clear();
-  renderUtc(f, out, Timeval(32535244800, 0));
-  EXPECT_EQ(out.substr(0, 19), "9999-12-31 23:59:59");
+  renderUtc(TimeFormat("%F %T.%6N"), out, Timeval(32535244800, 5));
+  EXPECT_EQ(out, "9999-12-31 23:59:59.999999");
+  out.clear();
+  renderUtc(TimeFormat("%F %T.%6N"), out, Timeval(INT64_MIN, 5));
+  EXPECT_EQ(out, "1900-01-01 00:00:00.000000");
 }
 
 // ---- Differential against glibc's strftime. Where ours differs on purpose ("#" on names and

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
 
 using namespace morvek;
 
@@ -42,10 +41,7 @@ TEST(TimevalArithmetic, SaturatesCarriesAndBorrows) {
       // it, and a fraction too close to 1 to carry.
       {Timeval::fromDouble(-1.25), "-2,250000"}, {Timeval::fromDouble(1.25), "1,250000"},
       {Timeval::fromDouble(-3.0), "-3,0"}, {Timeval::fromDouble(9223372036854775808.0), "MAX"},
-      {Timeval::fromDouble(1e300), "MAX"},
-      {Timeval::fromDouble(std::numeric_limits<double>::infinity()), "MAX"},
       {Timeval::fromDouble(-9223372036854775808.0), "MIN"},
-      {Timeval::fromDouble(-std::numeric_limits<double>::infinity()), "MIN"},
       {Timeval::fromDouble(std::nan("")), "-9223372036854775808,-2147483648"},
       {Timeval::fromDouble(0.9999999999), "0,999999"},
       // clang-format on
@@ -67,7 +63,6 @@ TEST(TimevalArithmetic, DifferencesComparisonsAndDoubles) {
   EXPECT_FALSE(Timeval(5, 2) < Timeval(5, 2));
   EXPECT_EQ(Timeval(5, 2).compare(Timeval(5, 3)), -1);
   EXPECT_EQ(Timeval(6, 0).compare(Timeval(5, 3)), 1);
-  EXPECT_TRUE(Timeval().isMin() == false && Timeval() == ZERO_TIME);
 }
 
 TEST(TimevalClock, CachedNowAndTheWrappingSleep) {
