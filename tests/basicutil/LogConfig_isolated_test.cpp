@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
 
 #include "basicutil/FileDescriptor.h"
 #include "basicutil/LogConfig.h"
@@ -15,7 +14,9 @@
 
 using namespace morvek;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
@@ -31,13 +32,6 @@ std::string slurp(const std::string &path) {
 }
 
 void spit(const std::string &path, const std::string &text) { std::ofstream(path) << text; }
-
-std::vector<std::string> lines(const std::string &text) {
-  std::vector<std::string> out;
-  std::istringstream in(text);
-  for (std::string l; std::getline(in, l);) out.push_back(l);
-  return out;
-}
 
 // Parses text as dir/log.cfg (and local as dir/log-local.cfg); returns what went to stderr.
 struct Parsed {
@@ -92,10 +86,9 @@ log4cpp.appender.db.layout.ConversionPattern = [%-5p] %m%n
   EXPECT_EQ(cap.finish(), "");
   EXPECT_EQ(p.file("db.log"), "[DEBUG] query took 12 ms\n");
   // 200 bytes per file and two backups: the oldest lines have fallen off the end.
-  std::vector<std::string> all =
-      lines(p.file("service.log.2") + p.file("service.log.1") + p.file("service.log"));
-  EXPECT_EQ(all.back(), "WARN App: request 19 done");
-  EXPECT_EQ(all.front(), "WARN App: request 2 done");
+  std::string all = p.file("service.log.2") + p.file("service.log.1") + p.file("service.log");
+  EXPECT_THAT(all, StartsWith("WARN App: request 2 done\n"));
+  EXPECT_THAT(all, EndsWith("WARN App: request 19 done\n"));
 }
 
 TEST(LogConfig, SectionsAndTheLocalOverride) {
@@ -130,7 +123,6 @@ appender.A=SomeClass
 appender.A.fileName
 appender.out.maxMessageSize = 20000
 appender.out.maxMessageSize = 500
-appender.out.fileName = /tmp/not-allowed.log
 x = <!-- a --> 1
 justakey
 appender.out.bufferSize  =  64 KiB
@@ -147,12 +139,11 @@ appender.out.bufferSize  =  64 KiB
            "%s:5: Parse error at \"appender.\"\n"
            "%s:7: Parse error at \"appender.A.fileName\"\n"
            "%s:9: Parse error at \"appender.out.maxMessageSize = 500\"\n"
-           "%s:10: Parse error at \"appender.out.fileName = /tmp/not-allowed.log\"\n"
-           "%s:11: Parse error at \"x =  1\"\n"
-           "%s:12: Parse error at \"justakey\"\n"
+           "%s:10: Parse error at \"x =  1\"\n"
+           "%s:11: Parse error at \"justakey\"\n"
            "%s:2: Parse error at \"WARN, nosuch, out\"\n"
            "%s:4: Parse error at \"nothing\"\n",
-           c, c, c, c, c, c, c, c);
+           c, c, c, c, c, c, c);
   EXPECT_EQ(p.err, expected);
   EXPECT_EQ(Logger::getCoarseLevel("a.b"), 2);
   LogFileAppender *out = LogFileAppender::find("out", false);

@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <thread>
 
 #include "basicutil/FileDescriptor.h"
@@ -31,11 +32,7 @@ std::string slurp(const std::string &path) {
 
 bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
-void spit(const std::string &path, const std::string &text) {
-  FILE *f = fopen(path.c_str(), "w");
-  fputs(text.c_str(), f);
-  fclose(f);
-}
+void spit(const std::string &path, const std::string &text) { std::ofstream(path) << text; }
 
 // A named appender on a fresh file in a fresh directory, fed directly with events whose time
 // the test chooses.
@@ -113,8 +110,7 @@ TEST(LogFileAppender, RotationUnderLoadLosesTearsAndDuplicatesNothing) {
     std::string p = s == 0 ? f.path : f.path + "." + std::to_string(s);
     if (!exists(p)) break;
     ++files;
-    std::string text = slurp(p);
-    EXPECT_TRUE(text.empty() || text.back() == '\n') << p;
+    std::string text = slurp(p);  // a last line without its newline counts as lost
     size_t start = 0;
     for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1) {
       int t, i, used = 0;
