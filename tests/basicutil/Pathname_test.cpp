@@ -117,6 +117,7 @@ TEST(PathnameGlob, MatchesWithinAndAcrossComponents) {
   Pathname deep("/srv/.../x.gz");
   ASSERT_TRUE(deep.toGlobRegex());
   EXPECT_EQ(deep, "/srv/.*/x\\.gz");
+  EXPECT_FALSE(Pathname("/srv/plain").toGlobRegex());  // nothing to translate
 }
 
 TEST(PathnameWords, TakeSplitAndJoin) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstring>
 #include <string>
 
 #include "libzero/ospath-builder.h"
@@ -81,6 +82,7 @@ TEST(OspathBuilder, JoinAndBuild2) {
 
 TEST(OspathBuilder, CopyLimit) {
   ospath_buf dst;
+  memset(dst, 'z', sizeof dst);  // the terminator must be the copy's own
   EXPECT_EQ(ospath_copy(&dst, std::string(1023, 'q').c_str()), 0);
   EXPECT_EQ(std::string(dst).size(), 1023u);
   EXPECT_EQ(ospath_copy(&dst, std::string(1024, 'q').c_str()), -1);
