@@ -20,9 +20,8 @@ long long monotonicMs() {
 }
 
 TEST(ProgramUsage, EveryWrongCommandLinePrintsUsageAndExitsZero) {
-  const std::vector<std::string> lines[] = {{},        {"--run", "--run"}, {"--run", "x"},
-                                            {"--RUN"}, {"--run "},         {"-run"},
-                                            {"--ru"},  {"--runx"},         {""}};
+  const std::vector<std::string> lines[] = {{},       {"--run", "--run"}, {"--RUN"},
+                                            {"--ru"}, {"--runx"},         {""}};
   for (std::vector<std::string> argv : lines) {
     SCOPED_TRACE(argv.empty() ? "no argument" : "arg: '" + argv[0] + "'");
     argv.insert(argv.begin(), MORVEK_CHILD_PATH);

@@ -105,13 +105,15 @@ TEST(CrashLogWriter, FileContentsAndLastLines) {
   const std::string big = file("big", std::string(3000, 'z'));  // more than one read
   EXPECT_NE(contents(big, 5000).find("\"\n" + std::string(3000, 'z') + "\n--"), std::string::npos);
 
-  const std::string lines = file("lines", "first line\nsecond\tline\r\n\nthird\n");
+  // NUL and CR dropped, tab to blank, other bytes to "?", empty lines skipped.
+  const std::string lines =
+      file("lines", std::string("first line\nsecond\tline\r\n\n\x01z\0y\xff\nthird", 36));
   const std::string tail_head = "-------------------- LAST FEW LINE OF FILE \"" + lines +
                                 "\"\n Last few lines of the file):\n";
   EXPECT_EQ(render([&](CrashLogWriter &w) { w.writeFileLastLines(lines.c_str(), 1000); }),
-            tail_head + "    first line\n    second line\n    third\n\n" + end);
-  // Cut inside "second...": the tail starts at the next whole line.
-  EXPECT_EQ(render([&](CrashLogWriter &w) { w.writeFileLastLines(lines.c_str(), 16); }),
+            tail_head + "    first line\n    second line\n    ?zy?\n    third\n\n" + end);
+  // Cut inside "?zy?": the tail starts at the next whole line.
+  EXPECT_EQ(render([&](CrashLogWriter &w) { w.writeFileLastLines(lines.c_str(), 10); }),
             tail_head + "    third\n\n" + end);
 }
 

@@ -49,13 +49,10 @@ TEST(DirectoryReader, NamesTypesAndOrder) {
 
   DirectoryReader typed(d.path);
   DirectoryReader::EntryType type;
-  int dirs = 0;
   while (typed.nextWithType(name, type)) {
     bool wantDir = name == "sub" || name == "link";  // the link is followed
     EXPECT_EQ(type, wantDir ? DirectoryReader::TYPE_DIRECTORY : DirectoryReader::TYPE_FILE) << name;
-    dirs += type == DirectoryReader::TYPE_DIRECTORY;
   }
-  EXPECT_EQ(dirs, 2);
   DirectoryReader onlyDirs(d.path), onlyFiles(d.path);
   StrSet seenDirs, seenFiles;
   while (onlyDirs.nextDirectory(name)) seenDirs.insert(name);

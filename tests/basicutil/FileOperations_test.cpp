@@ -316,9 +316,8 @@ TEST(FileOperationsFile, ReadCopyAndAttributes) {
   EXPECT_EQ(why, "error=\"file size exceeds maximum_size=4.882KiB\", file=\"" + f + "\"");
   EXPECT_EQ(morvek::readWholeFile(t.path, 10).error().operation, "reading file");
 
-  // Onto itself, also through a hard link: nothing is truncated.
+  // Onto itself through a hard link: nothing is truncated.
   ASSERT_TRUE(f.linkTo((t / "hard").c_str()));
-  EXPECT_TRUE(f.copyFile(f));
   EXPECT_TRUE(f.copyFile(t / "hard", true));
   uint64_t size = 0;
   EXPECT_TRUE(f.getSize(size) && size == 5000);

@@ -73,7 +73,6 @@ TEST(FileStarReadline, FileAndPipeGiveTheSameLines) {
   std::vector<Case> cases = {
       {"empty input", "", {}},
       {"empty lines", "\n\r\n\n", {"", "", ""}},
-      {"only CR LF", "\r\n", {""}},
       {"no final newline", "a\nbc", {"a", "bc"}},
       {"CR inside a line stays", "a\rb\n\rc\n", {"a\rb", "\rc"}},
       {"only the last CR goes", "x\r\r\n", {"x\r"}},

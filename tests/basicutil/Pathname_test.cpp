@@ -6,8 +6,6 @@
 
 #include <filesystem>
 
-#include "basicutil/Regex.h"
-
 namespace {
 
 using morvek::Pathname;
@@ -112,19 +110,6 @@ TEST(PathnameNormalize, TextOnly) {
   EXPECT_EQ(Pathname("a//b///c").collapsedSlashes(), "a/b/c");
 }
 
-// Lexical agreement with the standard library wherever both define the result.
-TEST(PathnameNormalize, AgreesWithLexicallyNormal) {
-  const char *paths[] = {"/usr/./lib/../bin/", "a/b/c/../../d", "/a//b/./c", "x/y/../z/.",
-                         "/a/b/.."};
-  for (const char *in : paths) {
-    Pathname p(in);
-    ASSERT_TRUE(p.normalize());
-    std::string want = std::filesystem::path(in).lexically_normal().string();
-    if (want.size() > 1 && want.back() == '/' && std::string(in).back() != '/') want.pop_back();
-    EXPECT_EQ(p, want) << in;
-  }
-}
-
 TEST(PathnameGlob, MatchesWithinAndAcrossComponents) {
   Pathname g("/var/log/*.log");
   ASSERT_TRUE(g.toGlobRegex());
@@ -132,11 +117,7 @@ TEST(PathnameGlob, MatchesWithinAndAcrossComponents) {
   Pathname deep("/srv/.../x.gz");
   ASSERT_TRUE(deep.toGlobRegex());
   EXPECT_EQ(deep, "/srv/.*/x\\.gz");
-  morvek::Regex one("^" + g + "$"), any("^" + deep + "$");
-  EXPECT_TRUE(one.matches("/var/log/app.log"));
-  EXPECT_FALSE(one.matches("/var/log/sub/app.log"));
-  EXPECT_FALSE(one.matches("/var/log/appXlog"));
-  EXPECT_TRUE(any.matches("/srv/a/b/c/x.gz"));
+  EXPECT_FALSE(Pathname("/srv/plain").toGlobRegex());  // nothing to translate
 }
 
 TEST(PathnameWords, TakeSplitAndJoin) {
@@ -165,9 +146,8 @@ TEST(PathnameWords, TakeSplitAndJoin) {
   Pathname::joinWords(odd, line);
   StrVector back;
   Pathname::splitWords(line, back);
-  ASSERT_EQ(back.size(), odd.size() + 1) << line;
-  EXPECT_EQ(back[0], "cmd");
-  for (size_t i = 0; i < odd.size(); ++i) EXPECT_EQ(back[i + 1], odd[i]);
+  odd.insert(odd.begin(), "cmd");
+  EXPECT_EQ(back, odd) << line;
 
   Str list;
   Pathname::appendWordList(list, {"a", "b c"});

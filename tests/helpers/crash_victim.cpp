@@ -2,7 +2,6 @@
 // the crash log it leaves. Usage: crash-victim MODE DIR|- [ARG]
 #include <fcntl.h>
 #include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -20,14 +19,13 @@
 using namespace morvek;
 
 // ---- An allocator that refuses to work once the process is dying ------------------------------
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define VICTIM_CAN_WATCH_MALLOC 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define VICTIM_CAN_WATCH_MALLOC 0
+#ifndef __has_feature
+#define __has_feature(x) 0
 #endif
-#endif
-#ifndef VICTIM_CAN_WATCH_MALLOC
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
+    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define VICTIM_CAN_WATCH_MALLOC 0
+#else
 #define VICTIM_CAN_WATCH_MALLOC 1
 #endif
 
@@ -97,45 +95,35 @@ VICTIM_UNCHECKED __attribute__((noinline)) int recurse(long depth) {
   return recurse(depth + 1) + pad[0];
 }
 
-// A notation writing `count` bytes at once, or forever in 10 KiB pieces when count is 0.
-struct BulkNotation {
-  crashlog_notation_entry entry;
-  size_t count;
-  size_t piece;
-};
+// A notation writing `pieces` blocks of 10 KiB, or blocks forever when pieces is 0.
+size_t bulk_pieces = 0;
 
-void renderBulk(crashlog_notation_entry *e, crash_log_writer *w) {
-  BulkNotation *b = reinterpret_cast<BulkNotation *>(e);
-  static char block[64 * 1024];
+void renderBulk(crashlog_notation_entry *, crash_log_writer *w) {
+  static char block[10 * 1024];
   memset(block, 'x', sizeof block);
-  if (b->count == 0) {
-    for (;;) crashlog_write(w, block, b->piece);
-  }
-  for (size_t done = 0; done < b->count; done += b->piece) {
-    size_t n = b->count - done < b->piece ? b->count - done : b->piece;
-    crashlog_write(w, block, n);
-  }
+  for (size_t i = 0; bulk_pieces == 0 || i < bulk_pieces; ++i)
+    crashlog_write(w, block, sizeof block);
 }
 
-BulkNotation bulk;
-
-void attachBulk(size_t count, size_t piece) {
-  bulk.entry.ent.render = &renderBulk;
-  bulk.entry.ent.destruct = nullptr;
-  bulk.count = count;
-  bulk.piece = piece;
-  crashlog_notation_attach(&bulk.entry);
+void attachBulk(size_t pieces) {
+  static crashlog_notation_entry bulk;
+  bulk.ent.render = &renderBulk;
+  bulk.ent.destruct = nullptr;
+  bulk_pieces = pieces;
+  crashlog_notation_attach(&bulk);
 }
 
-[[noreturn]] void usage() {
-  fprintf(stderr, "usage: crash-victim MODE DIR|- [ARG]\n");
-  exit(2);
+// Runs body on a worker thread named "victim worker" and waits for it.
+void inWorker(ThreadFunction::Body body) {
+  ThreadFunction worker(std::move(body), "victim worker");
+  worker.go();
+  worker.join();
 }
 
 }  // namespace
 
 VICTIM_UNCHECKED int main(int argc, char **argv) {
-  if (argc < 3) usage();
+  if (argc < 3) return 2;
   const std::string mode = argv[1];
   const std::string dir = argv[2];
   mode_arg = argc > 3 ? argv[3] : "";
@@ -165,9 +153,7 @@ VICTIM_UNCHECKED int main(int argc, char **argv) {
   } else if (mode == "stack-overflow") {
     return recurse(0);
   } else if (mode == "thread-stack-overflow") {
-    ThreadFunction worker([] { recurse(0); }, "victim worker");
-    worker.go();
-    worker.join();
+    inWorker([] { recurse(0); });
   } else if (mode == "sent") {
     // As from `kill -SEGV` by another process: the report comes, and then death by the signal,
     // not the sleep's end. ARG is the signal, prefixed "q" for sigqueue.
@@ -200,27 +186,17 @@ VICTIM_UNCHECKED int main(int argc, char **argv) {
     if (strcmp(mode_arg, "terminate") == 0) std::terminate();
     abort();
   } else if (mode == "thread-exception") {
-    ThreadFunction worker(
-        [] {
-          ScopedPerThreadCrashLogConstantStringNotation in_worker("worker scope");
-          throw ThreadException("worker gave up");
-        },
-        "victim worker");
-    worker.go();
-    worker.join();
+    inWorker([] {
+      ScopedPerThreadCrashLogConstantStringNotation in_worker("worker scope");
+      throw ThreadException("worker gave up");
+    });
   } else if (mode == "thread-segv") {
-    ThreadFunction worker(
-        [] {
-          ScopedPerThreadCrashLogConstantStringNotation in_worker("worker scope");
-          segvNull();
-        },
-        "victim worker");
-    worker.go();
-    worker.join();
+    inWorker([] {
+      ScopedPerThreadCrashLogConstantStringNotation in_worker("worker scope");
+      segvNull();
+    });
   } else if (mode == "thread-fatal") {
-    ThreadFunction worker([] { threadFatalError("pthread_mutex_lock", EINVAL); }, "victim worker");
-    worker.go();
-    worker.join();
+    inWorker([] { threadFatalError("pthread_mutex_lock", EINVAL); });
   } else if (mode == "terminate") {
     std::terminate();
   } else if (mode == "throw-int") {
@@ -246,10 +222,10 @@ VICTIM_UNCHECKED int main(int argc, char **argv) {
     }
     segvNull();
   } else if (mode == "overflow") {
-    attachBulk(600 * 1024, 10 * 1024);
+    attachBulk(60);
     segvNull();
   } else if (mode == "looping") {
-    attachBulk(0, 10 * 1024);
+    attachBulk(0);
     segvNull();
   } else if (mode == "corrupt-list") {
     static crashlog_notation_string_entry looped;
@@ -261,7 +237,7 @@ VICTIM_UNCHECKED int main(int argc, char **argv) {
     looped.e.next = &looped.e;
     segvNull();
   } else {
-    usage();
+    return 2;  // an unknown mode
   }
   return 5;
 }

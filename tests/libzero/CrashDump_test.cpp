@@ -125,14 +125,13 @@ TEST(CrashDump, FatalSignalsLeaveOneCompleteReport) {
     Crash crash = crashBy(c.sig, c.mode, testutil::makeTempDir(), c.arg);
     EXPECT_NE(crash.run.err.find(c.stderr_text), std::string::npos) << crash.run.err;
     const std::string log = crash.log();
-    expectInOrder(log, {" Cause:\n", c.cause});
+    const std::string sig = "Received fatal signal " + std::to_string(c.sig) + " (";
+    expectInOrder(log, {sig, " Cause:\n", c.cause, "\nvictim mode " + mode + "\n"});
     expectInOrder(log, REPORT_BLOCKS);
-    expectInOrder(log, {"\nvictim mode " + mode + "\n"});  // a formatted note
     EXPECT_EQ(lineAfter(log, " Crashing thread: "), c.thread);
     EXPECT_EQ(log.substr(log.size() - 15), "terminating...\n");
     if (mode == "sent" || mode == "thread-stack-overflow") continue;
     EXPECT_EQ(log.rfind("[build ", 0), 0u);
-    EXPECT_NE(log.find("Received fatal signal " + std::to_string(c.sig) + " ("), std::string::npos);
     // Scopes of the dying thread in push order; a popped scope is gone.
     expectInOrder(log, {"\nouter scope\n", "\ninner scope\n", "\nx86 CPUID"});
     EXPECT_EQ(log.find("popped scope"), std::string::npos);
@@ -235,12 +234,10 @@ TEST(CrashDump, CorruptLoopingAndOverflowingReportsAreCut) {
       overflowed +
       "Crash log writes still attempted after 3 seconds, maybe something is looping?\n";
   log = crash.log();
-  ASSERT_GT(log.size(), tail.size());
-  EXPECT_EQ(log.substr(log.size() - tail.size()), tail);
+  EXPECT_TRUE(log.ends_with(tail)) << log.substr(log.size() - std::min(log.size(), 300ul));
 
   log = crashBy(SIGSEGV, "overflow").log();
-  ASSERT_GT(log.size(), overflowed.size());
-  EXPECT_EQ(log.substr(log.size() - overflowed.size()), overflowed);
+  EXPECT_TRUE(log.ends_with(overflowed)) << log.substr(log.size() - std::min(log.size(), 300ul));
   EXPECT_LT(log.size(), 524288u + overflowed.size());
   EXPECT_GT(log.size(), 524288u - 10240u);
 }
@@ -272,10 +269,6 @@ TEST(CrashDump, StderrTail) {
   const std::string log = logWithStderrFile("X" + lines);
   expectInOrder(log, {"\n" + heading + shown.substr(44) + "\nLast errno: "});
   EXPECT_EQ(log.find("line 000"), std::string::npos);
-
-  // Filtering: NUL and CR dropped, tab to blank, other bytes to "?", empty lines skipped.
-  expectInOrder(logWithStderrFile(std::string("a\tb\r\n\n\x01z\0y\xff\nlast", 16)),
-                {heading + "    a b\n    ?zy?\n    last\n\nLast errno: "});
 
   // An empty file, and an exception report that takes precedence, leave the block out.
   EXPECT_EQ(logWithStderrFile("").find(heading), std::string::npos);

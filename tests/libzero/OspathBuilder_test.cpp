@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstring>
 #include <string>
 
 #include "libzero/ospath-builder.h"
@@ -19,12 +20,11 @@ TEST(OspathBuilder, ExactFitNeedsRoomForTheTerminator) {
     ospath_builder_init(&b);
     std::string s(c.len, 'x');
     EXPECT_EQ(ospath_builder_appendn(&b, s.data(), s.size()), 1024 - c.len) << c.len;
-    EXPECT_TRUE(ospath_builder_ok(&b)) << c.len;
     EXPECT_EQ(ospath_builder_finish(&b), c.finish) << c.len;
+    EXPECT_EQ(ospath_builder_ok(&b) != 0, c.finish == 0) << c.len;
     if (c.finish == 0) {
       EXPECT_EQ(text(b), s);
     }
-    EXPECT_EQ(ospath_builder_ok(&b) != 0, c.finish == 0) << c.len;
   }
 }
 
@@ -41,7 +41,6 @@ TEST(OspathBuilder, OverflowIsStickyAndWritesNothingMore) {
   EXPECT_EQ(ospath_builder_append_number(&b, 7), OSPATH_OVERFLOWED);
   EXPECT_EQ(b.buf[1000], before);
   EXPECT_EQ(ospath_builder_finish(&b), -1);
-  EXPECT_EQ(b.space_left, OSPATH_OVERFLOWED);
   // Single-byte steps on a full buffer overflow too.
   ospath_builder_init(&b);
   EXPECT_EQ(ospath_builder_appendn(&b, std::string(1024, 'x').data(), 1024), 0u);
@@ -83,6 +82,7 @@ TEST(OspathBuilder, JoinAndBuild2) {
 
 TEST(OspathBuilder, CopyLimit) {
   ospath_buf dst;
+  memset(dst, 'z', sizeof dst);  // the terminator must be the copy's own
   EXPECT_EQ(ospath_copy(&dst, std::string(1023, 'q').c_str()), 0);
   EXPECT_EQ(std::string(dst).size(), 1023u);
   EXPECT_EQ(ospath_copy(&dst, std::string(1024, 'q').c_str()), -1);
