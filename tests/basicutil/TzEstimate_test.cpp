@@ -34,9 +34,10 @@ TEST(TzEstimate, RulesInferredFromPosixZones) {
       {"CCC3DDD,M4.1.0/0:0:30,M10.1.0/23", NOV_2024, false, "CCC3DDD,M4.1.0/0:0:30,M10.1.0/23"},
       // Southern hemisphere, and a dst offset that isn't one hour more.
       {"AAA-10:30BBB-11,M10.1.0,M4.1.0", NOV_2024, false, "AAA-10:30BBB-11,M10.1.0,M4.1.0"},
-      // A fixed day of the year: only the zero-based day agrees across leap years, and it is
-      // written one larger.
+      // A fixed day of the year: from March only the zero-based day agrees across leap years,
+      // and it is written one larger; before March the Julian day does.
       {"AAA3BBB,99,299", NOV_2024, false, "AAA3BBB,100,300"},
+      {"AAA3BBB,J40,M11.1.0", NOV_2024, false, "AAA3BBB,J40,M11.1.0"},
       // Fixed zones and offsets.
       {"<+03>-3", NOV_2024, true, "UTC-3"},
       {"<+03>-3", NOV_2024, false, "+03-3"},
