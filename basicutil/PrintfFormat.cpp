@@ -1045,11 +1045,11 @@ __attribute__((noinline)) Str &appendBareInteger(Str &out, BareInteger value) {
   constexpr size_t room = printf_detail::APPEND_IN_PLACE_MAX;
   if (out.size() > out.max_size() - room || out.size() + room > out.capacity())
     __builtin_unreachable();
-  const size_t old = out.size();
-  out.append(printf_detail::APPEND_IN_PLACE_ROOM, room);
-  const size_t n = value.write(out.data() + old);
-  if (n > room) __builtin_unreachable();
-  out.erase(old + n);
+  printf_detail::appendInPlace(out, [value](char *dst) {
+    const size_t n = value.write(dst);
+    if (n > room) __builtin_unreachable();
+    return n;
+  });
   return out;
 }
 

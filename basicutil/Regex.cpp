@@ -708,26 +708,26 @@ std::shared_ptr<const Regex::Impl> sharedLookupOrCompile(const char *text, size_
   return created;
 }
 
+// The thread's front first; the shared maps, with the hash that hash_of gives, only on a miss.
+template <class HashOf>
+std::shared_ptr<const Regex::Impl> frontThenShared(const char *text, size_t size, HashOf hash_of) {
+  if (text == nullptr) {
+    MV_ASSERT(size == 0);
+    text = EMPTY_TEXT;
+  }
+  ThreadFront *front = threadFront();
+  if (auto handle = frontLookup(front, text, size)) return handle;
+  return sharedLookupOrCompile(text, size, hash_of(text, size), front);
+}
+
 }  // namespace
 
 std::shared_ptr<const Regex::Impl> Regex::cached(const char *text, size_t size) {
-  if (text == nullptr) {
-    MV_ASSERT(size == 0);
-    text = EMPTY_TEXT;
-  }
-  ThreadFront *front = threadFront();
-  if (auto handle = frontLookup(front, text, size)) return handle;
-  return sharedLookupOrCompile(text, size, hashBytes(text, size), front);
+  return frontThenShared(text, size, [](const char *t, size_t n) { return hashBytes(t, n); });
 }
 
 std::shared_ptr<const Regex::Impl> Regex::cached(const char *text, size_t size, uint64_t hash) {
-  if (text == nullptr) {
-    MV_ASSERT(size == 0);
-    text = EMPTY_TEXT;
-  }
-  ThreadFront *front = threadFront();
-  if (auto handle = frontLookup(front, text, size)) return handle;
-  return sharedLookupOrCompile(text, size, hash, front);
+  return frontThenShared(text, size, [hash](const char *, size_t) { return hash; });
 }
 
 Regex Regex::_get(const char *text, size_t size, uint64_t hash) {
